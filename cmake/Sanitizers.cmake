@@ -1,0 +1,12 @@
+# -DZORVAN_SANITIZE=address,undefined or =thread applies to every target.
+if(ZORVAN_SANITIZE)
+  add_compile_options(-fsanitize=${ZORVAN_SANITIZE} -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${ZORVAN_SANITIZE})
+  if(ZORVAN_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+  if(ZORVAN_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # gcc warns that it does not instrument fences; none of ours rely on them.
+    add_compile_options(-Wno-tsan)
+  endif()
+endif()
