@@ -1,0 +1,117 @@
+// See the header. The replaced operators serve the whole program, the wrapped functions what it links
+// statically.
+
+#include "failing_system.hpp"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+constexpr long kNever = -1;
+
+thread_local long allocations_left = kNever;
+thread_local bool refused = false;
+std::atomic<int> thread_error = 0;
+std::atomic<long> blocks = 0;
+
+bool allocation_fails() {
+    if (allocations_left == kNever) return false;
+    if (allocations_left > 0) {
+        --allocations_left;
+        return false;
+    }
+    refused = true;
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*function)(void*),
+                          void* argument);
+
+void* __wrap_malloc(size_t size) {
+    return allocation_fails() ? nullptr : __real_malloc(size);
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*function)(void*),
+                          void* argument) {
+    const int error = thread_error;
+    return error != 0 ? error : __real_pthread_create(thread, attr, function, argument);
+}
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    if (allocation_fails()) return nullptr;
+    void* block = __real_malloc(size > 0 ? size : 1);
+    if (block != nullptr) ++blocks;
+    return block;
+}
+
+void* operator new(size_t size) {
+    void* block = operator new(size, std::nothrow);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+
+void* operator new[](size_t size) {
+    return operator new(size);
+}
+void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+
+void operator delete(void* block) noexcept {
+    if (block != nullptr) --blocks;
+    std::free(block);
+}
+
+void operator delete(void* block, size_t) noexcept {
+    operator delete(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    operator delete(block);
+}
+void operator delete[](void* block) noexcept {
+    operator delete(block);
+}
+void operator delete[](void* block, size_t) noexcept {
+    operator delete(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    operator delete(block);
+}
+
+namespace zorvan::test {
+
+FailingAllocations::FailingAllocations(long after) {
+    refused = false;
+    allocations_left = after;
+}
+
+FailingAllocations::~FailingAllocations() {
+    allocations_left = kNever;
+}
+
+bool FailingAllocations::failed() const {
+    return refused;
+}
+
+FailingThreads::FailingThreads(int error) {
+    thread_error = error;
+}
+
+FailingThreads::~FailingThreads() {
+    thread_error = 0;
+}
+
+long live_blocks() {
+    return blocks;
+}
+
+}  // namespace zorvan::test

@@ -1,0 +1,38 @@
+/*
+ * A system that fails on demand: the n-th allocation of the library, or every start of a thread.
+ *
+ * The test links the library's objects and routes their malloc, operator new and pthread_create through here
+ * (linker option --wrap). Only calls of the thread that asked for failures fail; all allocations are counted.
+ */
+#ifndef ZORVAN_TESTS_COMMON_FAILING_SYSTEM_HPP
+#define ZORVAN_TESTS_COMMON_FAILING_SYSTEM_HPP
+
+namespace zorvan::test {
+
+/** While it lives, this thread's allocation number `after` (0 = the next) and all later ones fail. */
+class FailingAllocations {
+  public:
+    explicit FailingAllocations(long after);
+    FailingAllocations(const FailingAllocations&) = delete;
+    FailingAllocations& operator=(const FailingAllocations&) = delete;
+    ~FailingAllocations();
+
+    /** Whether any allocation was refused so far. */
+    bool failed() const;
+};
+
+/** While it lives, pthread_create answers with this errno value. */
+class FailingThreads {
+  public:
+    explicit FailingThreads(int error);
+    FailingThreads(const FailingThreads&) = delete;
+    FailingThreads& operator=(const FailingThreads&) = delete;
+    ~FailingThreads();
+};
+
+/** How many blocks of operator new are allocated now. */
+long live_blocks();
+
+}  // namespace zorvan::test
+
+#endif
