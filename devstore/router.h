@@ -1,0 +1,15 @@
+// From a request's head to its operation: address (path or virtual-host
+// style), signature, operation, and the error document when one refuses.
+#pragma once
+
+#include "operations.h"
+
+namespace zorvan::devstore {
+
+/// Handles one request. Throws nothing but connection_lost: refusals become replies.
+boost::asio::awaitable<http_response> handle(store& data, const http_request& request, body_reader& body);
+
+/// A new request id in the gateway's form, unique within the process.
+std::string new_request_id(store& data);
+
+}  // namespace zorvan::devstore
