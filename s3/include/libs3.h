@@ -221,7 +221,7 @@ typedef enum {
     S3OptionMaxIdleConnections = 3,
     /** Seconds after which an idle connection is not used again (50). */
     S3OptionIdleConnectionSeconds = 4,
-    /** Milliseconds an upload of 1 MiB or more waits for "100 Continue" before it sends anyway (3000). */
+    /** Milliseconds an upload of 1 MiB or more waits for "100 Continue" before it sends anyway (1000). */
     S3OptionExpectTimeoutMs = 5,
     /** Consecutive tries without a new byte after which a broken download fails (5). */
     S3OptionDownloadResumes = 6,

@@ -1,0 +1,90 @@
+// Single objects: put, head, delete. Downloads have a file of their own.
+#include <libs3.h>
+
+#include <algorithm>
+
+#include "complete.h"
+#include "options.h"
+#include "upload_body.h"
+
+namespace s3 {
+namespace {
+
+RequestPlan object_plan(std::string_view method, const S3BucketContext& context, const char* key,
+                        int timeout_ms) {
+    RequestPlan plan;
+    plan.method = method;
+    plan.deadline = Deadline(timeout_ms);
+    plan.store = make_store(context);
+    check_bucket(plan.store.bucket, plan.store.virtual_host);
+    check_key_length(key);
+    plan.address = object_address(plan.store, key != nullptr ? key : "");
+    return plan;
+}
+
+// A bucket is asked for by callers that repeat a retryable answer at once and without end, so patience lives
+// here and what stays broken is reported as final.
+ExchangeResult probe_bucket(RequestPlan& plan) {
+    const auto begin = Deadline::Clock::now();
+    const auto patience = std::chrono::seconds(option(S3OptionBucketProbeSeconds));
+    const Deadline probe(static_cast<int>(std::max<int64_t>(1, option(S3OptionBucketProbeSeconds) * 1000)));
+    for (int attempt = 0;; ++attempt) {
+        ExchangeResult result = perform(plan);
+        if (!is_retryable_kind(result.status)) return result;
+        const bool time_left = Deadline::Clock::now() - begin < patience;
+        if (!time_left || !pause_before_retry(attempt, probe) || plan.deadline.milliseconds_left() == 0) {
+            if (!result.error.message)
+                result.error.message =
+                    std::string("the bucket cannot be asked for: ") + S3_get_status_name(result.status);
+            result.status = S3StatusInternalError;
+            return result;
+        }
+    }
+}
+
+void head(const S3BucketContext& context, const char* key, int timeout_ms, const S3ResponseHandler& handler,
+          void* callback_data, CallResult& call) {
+    RequestPlan plan = object_plan("HEAD", context, key, timeout_ms);
+    const bool bucket = key == nullptr || *key == '\0';
+    ExchangeResult result = bucket ? probe_bucket(plan) : perform(plan);
+    const bool tells_region = bucket && result.headers.http_status == 301 && result.headers.bucket_region;
+    if (result.status == S3StatusOK || tells_region) {
+        const S3Status status = deliver_properties(handler, callback_data, result.headers);
+        if (status != S3StatusOK) result.status = status;
+    }
+    set_result(call, std::move(result));
+}
+
+}  // namespace
+}  // namespace s3
+
+extern "C" void S3_put_object(const S3BucketContext* bucketContext, const char* key, uint64_t contentLength,
+                              const S3PutProperties* putProperties, S3RequestContext*, int timeoutMs,
+                              const S3PutObjectHandler* handler, void* callbackData) {
+    s3::run_call(handler->responseHandler, callbackData, [&](s3::CallResult& call) {
+        s3::check_key(key);
+        s3::RequestPlan plan = s3::object_plan("PUT", *bucketContext, key, timeoutMs);
+        s3::append_put_headers(plan.headers, putProperties);
+        s3::UploadBody body(handler->putObjectDataCallback, callbackData, contentLength);
+        plan.body = &body;
+        plan.payload_hash = s3::kUnsignedPayload;
+        s3::perform_simple(plan, handler->responseHandler, callbackData, call);
+        call.took_body_bytes = body.took_caller_bytes();
+    });
+}
+
+extern "C" void S3_head_object(const S3BucketContext* bucketContext, const char* key, S3RequestContext*,
+                               int timeoutMs, const S3ResponseHandler* handler, void* callbackData) {
+    s3::run_call(*handler, callbackData, [&](s3::CallResult& call) {
+        s3::head(*bucketContext, key, timeoutMs, *handler, callbackData, call);
+    });
+}
+
+extern "C" void S3_delete_object(const S3BucketContext* bucketContext, const char* key, S3RequestContext*,
+                                 int timeoutMs, const S3ResponseHandler* handler, void* callbackData) {
+    s3::run_call(*handler, callbackData, [&](s3::CallResult& call) {
+        s3::check_key(key);
+        s3::RequestPlan plan = s3::object_plan("DELETE", *bucketContext, key, timeoutMs);
+        s3::perform_simple(plan, *handler, callbackData, call);
+    });
+}
