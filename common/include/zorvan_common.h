@@ -119,8 +119,10 @@ ZORVAN_API zorvan_error_t* zorvan_gfs_ftp_response_error_construct(const zorvan_
 
 /**
  * Move an object into the process-wide table.
+ * @param error  null is put as an error without a text
  * @return its handle: never 0, never ZORVAN_FAILURE, and not given out again soon after its release. Never
- * fails: out of memory the object is freed and the handle of the static object is returned.
+ * fails: out of memory the object is freed and the handle of the static object is returned. That handle is
+ * always good: it is in no table, is not counted, and may be taken and released any number of times.
  */
 ZORVAN_API zorvan_result_t zorvan_error_put(zorvan_error_t* error);
 
@@ -221,11 +223,11 @@ typedef struct zorvan_debug_handle_s {
 
 /**
  * Fill a debug handle from an environment variable of the form LEVELS[,FILE[,FLAGS[,TIMESTAMP_LEVELS]]].
- * LEVELS and TIMESTAMP_LEVELS: a decimal mask, or level words joined by "|", or ALL; a leading "^" inverts.
- * FILE: empty or absent = standard error; a leading "#" appends instead of truncating.
- * FLAGS: bit 1 (value 1) = thread ids, bit 2 (value 2) = a time on every enabled level.
- * An unset or empty variable leaves logging off. An unreadable value leaves it off and says so once on
- * standard error.
+ * LEVELS and TIMESTAMP_LEVELS: decimal masks, level words or ALL joined by "|"; a leading "^" inverts the
+ * whole. FILE: empty or absent = standard error; a leading "#" appends instead of truncating. FLAGS: bit 1
+ * (value 1) = thread ids, bit 2 (value 2) = a time on every enabled level. An unset or empty variable, or a
+ * mask of 0, leaves logging off. An unreadable value or a file that cannot be opened leaves it off and says
+ * so on standard error, once per process and value.
  * @param level_names  the level words separated by blanks, bit 0 first; words match ignoring case
  * @return 0 when logging is on, -1 when it is off
  */

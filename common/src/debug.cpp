@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-#include "never_destroyed.hpp"
+#include "never_destroyed.h"
 
 namespace {
 

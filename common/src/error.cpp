@@ -14,9 +14,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "c_memory.hpp"
-#include "handle_counter.hpp"
-#include "never_destroyed.hpp"
+#include "c_memory.h"
+#include "handle_counter.h"
+#include "never_destroyed.h"
 
 using zorvan::common::CText;
 using zorvan::common::HandleCounter;

@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "relocate.hpp"
+#include "relocate.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "c_memory.hpp"
+#include "c_memory.h"
 
 namespace {
 

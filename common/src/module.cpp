@@ -13,7 +13,7 @@
 #include <new>
 #include <unordered_map>
 
-#include "never_destroyed.hpp"
+#include "never_destroyed.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "c_memory.hpp"
+#include "c_memory.h"
 
 char* zorvan_libc_strdup(const char* text) {
     if (text == nullptr) return nullptr;

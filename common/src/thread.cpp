@@ -17,7 +17,7 @@
 #include <mutex>
 #include <new>
 
-#include "never_destroyed.hpp"
+#include "never_destroyed.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Assertions stop the process with the promised line, in every build type.
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

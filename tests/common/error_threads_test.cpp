@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Paths: the installation's folders, their relocation, the environment, and what is an error.
 
-#include "relocate.hpp"
-#include "support.hpp"
+#include "relocate.h"
+#include "support.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // See the header. The replaced operators serve the whole program, the wrapped functions what it links
 // statically.
 
-#include "failing_system.hpp"
+#include "failing_system.h"
 
 #include <pthread.h>
 

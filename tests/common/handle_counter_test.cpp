@@ -1,10 +1,10 @@
 // Handles grow through 32 bits, wrap, and skip what is reserved or still in use.
 
-#include "handle_counter.hpp"
+#include "handle_counter.h"
 
 #include <set>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

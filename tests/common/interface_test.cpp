@@ -1,6 +1,6 @@
 // Runs what interface_in_c.c does with the header as a C program sees it.
 
-#include "support.hpp"
+#include "support.h"
 
 extern "C" int zorvan_test_interface_in_c(void);
 

@@ -1,7 +1,7 @@
 // When the runtime frees what it made, seen from the number of allocated blocks.
 
-#include "failing_system.hpp"
-#include "support.hpp"
+#include "failing_system.h"
+#include "support.h"
 
 namespace {
 

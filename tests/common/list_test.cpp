@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

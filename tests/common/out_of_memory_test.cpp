@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <vector>
 
-#include "failing_system.hpp"
-#include "support.hpp"
+#include "failing_system.h"
+#include "support.h"
 
 namespace {
 

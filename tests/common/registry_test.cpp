@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

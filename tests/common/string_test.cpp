@@ -1,6 +1,6 @@
 // Texts on malloc'd memory.
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

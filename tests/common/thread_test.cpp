@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <latch>
 
-#include "support.hpp"
+#include "support.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
  * What the tests of the runtime share: a fixture that insists on an empty error table, environment variables
  * that are put back, temporary folders, and texts that free themselves.
  */
-#ifndef ZORVAN_TESTS_COMMON_SUPPORT_HPP
-#define ZORVAN_TESTS_COMMON_SUPPORT_HPP
+#ifndef ZORVAN_TESTS_COMMON_SUPPORT_H
+#define ZORVAN_TESTS_COMMON_SUPPORT_H
 
 #include <gtest/gtest.h>
 #include <zorvan_common.h>

@@ -1,8 +1,8 @@
 /*
  * Ownership of memory that came from malloc: what the C interface hands out is freed with `free`.
  */
-#ifndef ZORVAN_COMMON_SRC_C_MEMORY_HPP
-#define ZORVAN_COMMON_SRC_C_MEMORY_HPP
+#ifndef ZORVAN_COMMON_SRC_C_MEMORY_H
+#define ZORVAN_COMMON_SRC_C_MEMORY_H
 
 #include <cstdlib>
 #include <memory>

@@ -4,8 +4,8 @@
  * Detached threads may still use the runtime while the process exits, after the destructors of static objects
  * have begun to run. State that they can reach lives in one of these.
  */
-#ifndef ZORVAN_COMMON_SRC_NEVER_DESTROYED_HPP
-#define ZORVAN_COMMON_SRC_NEVER_DESTROYED_HPP
+#ifndef ZORVAN_COMMON_SRC_NEVER_DESTROYED_H
+#define ZORVAN_COMMON_SRC_NEVER_DESTROYED_H
 
 namespace zorvan::common {
 

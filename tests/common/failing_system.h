@@ -4,8 +4,8 @@
  * The test links the library's objects and routes their malloc, operator new and pthread_create through here
  * (linker option --wrap). Only calls of the thread that asked for failures fail; all allocations are counted.
  */
-#ifndef ZORVAN_TESTS_COMMON_FAILING_SYSTEM_HPP
-#define ZORVAN_TESTS_COMMON_FAILING_SYSTEM_HPP
+#ifndef ZORVAN_TESTS_COMMON_FAILING_SYSTEM_H
+#define ZORVAN_TESTS_COMMON_FAILING_SYSTEM_H
 
 namespace zorvan::test {
 

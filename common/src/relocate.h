@@ -2,8 +2,8 @@
  * How ZORVAN_PREFIX moves an installed folder. Apart from the path evaluation because it depends on nothing
  * else.
  */
-#ifndef ZORVAN_COMMON_SRC_RELOCATE_HPP
-#define ZORVAN_COMMON_SRC_RELOCATE_HPP
+#ifndef ZORVAN_COMMON_SRC_RELOCATE_H
+#define ZORVAN_COMMON_SRC_RELOCATE_H
 
 #include <string>
 #include <string_view>

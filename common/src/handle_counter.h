@@ -5,8 +5,8 @@
  * result in twice. So handles grow through all 32 bits before one can come back, and values with a meaning of
  * their own are never given out. Not synchronised: the table's mutex guards it.
  */
-#ifndef ZORVAN_COMMON_SRC_HANDLE_COUNTER_HPP
-#define ZORVAN_COMMON_SRC_HANDLE_COUNTER_HPP
+#ifndef ZORVAN_COMMON_SRC_HANDLE_COUNTER_H
+#define ZORVAN_COMMON_SRC_HANDLE_COUNTER_H
 
 #include <zorvan_common.h>
 
