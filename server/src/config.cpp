@@ -1,8 +1,8 @@
 /*
  * Reading the configuration; see config.h.
  *
- * Each table of the file is read through a table_reader, which remembers the keys that were asked for: what is
- * left at the end is unknown and refused, so that a misspelt key is never ignored in silence.
+ * Each table of the file is read through a table_reader, which remembers the keys that were asked for: what
+ * is left at the end is unknown and refused, so that a misspelt key is never ignored in silence.
  */
 #include "config.h"
 
@@ -21,7 +21,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace {
 
@@ -52,7 +52,8 @@ class table_reader {
         : table_(table), name_(std::move(name)), file_(file) {}
 
     [[noreturn]] void fail(const toml::node& node, std::string_view key, std::string_view reason) const {
-        throw config_error(fmt::format("{}:{}: {}: {}", file_.string(), node.source().begin.line, full(key), reason));
+        throw config_error(
+            fmt::format("{}:{}: {}: {}", file_.string(), node.source().begin.line, full(key), reason));
     }
 
     const toml::node* find(std::string_view key) {
@@ -112,7 +113,8 @@ class table_reader {
         }
         if (!node->is_string()) wrong_type(*node, key, "a size (a number of bytes or a text like \"64MiB\")");
         const auto value = parse_size(node->as_string()->get());
-        if (!value) fail(*node, key, fmt::format("\"{}\" is not a size", printable(node->as_string()->get())));
+        if (!value)
+            fail(*node, key, fmt::format("\"{}\" is not a size", printable(node->as_string()->get())));
         return value;
     }
 
@@ -139,12 +141,13 @@ class table_reader {
     void end() const {
         for (const auto& [key, node] : table_) {
             if (known_.contains(key.str())) continue;
-            throw config_error(
-                fmt::format("{}:{}: {}: unknown key", file_.string(), key.source().begin.line, full(key.str())));
+            throw config_error(fmt::format("{}:{}: {}: unknown key", file_.string(), key.source().begin.line,
+                                           full(key.str())));
         }
     }
 
-    [[noreturn]] void wrong_type(const toml::node& node, std::string_view key, std::string_view wanted) const {
+    [[noreturn]] void wrong_type(const toml::node& node, std::string_view key,
+                                 std::string_view wanted) const {
         fail(node, key, fmt::format("must be {}, not {}", wanted, kind_name(node.type())));
     }
 
@@ -191,10 +194,11 @@ void read_server(const toml::table& table, const fs::path& file, server_config& 
         for (const std::string& text : reader.texts("listen")) {
             const auto address = parse_listen_address(text);
             if (!address) {
-                reader.fail(*node, "listen",
-                            fmt::format("\"{}\" is not of the form \"ADDRESS:PORT\" or \"[ADDRESS]:PORT\" with a "
-                                        "numeric address",
-                                        printable(text)));
+                reader.fail(
+                    *node, "listen",
+                    fmt::format("\"{}\" is not of the form \"ADDRESS:PORT\" or \"[ADDRESS]:PORT\" with a "
+                                "numeric address",
+                                printable(text)));
             }
             config.listen.push_back(*address);
         }
@@ -221,7 +225,8 @@ void read_server(const toml::table& table, const fs::path& file, server_config& 
         }
         config.block_size = static_cast<std::size_t>(*value);
     }
-    if (const auto value = reader.number("concurrency", 1, 1024)) config.concurrency = static_cast<int>(*value);
+    if (const auto value = reader.number("concurrency", 1, 1024))
+        config.concurrency = static_cast<int>(*value);
     if (const auto value = reader.number("update_interval", 0, 86400)) {
         config.update_interval = static_cast<int>(*value);
     }
@@ -261,7 +266,8 @@ void read_log(const toml::table& table, const fs::path& file, server_config& con
     table_reader reader(table, "log", file);
     reader.read("level", config.log_level);
     if (!is_log_level(config.log_level)) {
-        reader.fail(*reader.find("level"), "level", "must be \"error\", \"warning\", \"info\" or \"debug\"");
+        reader.fail(*reader.find("level"), "level",
+                    "must be \"error\", \"warning\", \"transfer\", \"info\" or \"debug\"");
     }
     reader.read_path("file", config.log_file);
     reader.end();
@@ -286,7 +292,8 @@ void read_collections(table_reader& root, const fs::path& file, server_config& c
     std::set<std::string> hosts;
     bool default_seen = false;
     for (const toml::node& element : *node->as_array()) {
-        if (!element.is_table()) root.wrong_type(element, "collection", "an array of tables ([[collection]])");
+        if (!element.is_table())
+            root.wrong_type(element, "collection", "an array of tables ([[collection]])");
         table_reader reader(*element.as_table(), "collection", file);
         collection_config collection;
         reader.read("name", collection.name);
@@ -366,7 +373,7 @@ std::optional<listen_address> parse_listen_address(std::string_view text) {
 }
 
 bool is_log_level(std::string_view text) {
-    return text == "error" || text == "warning" || text == "info" || text == "debug";
+    return text == "error" || text == "warning" || text == "transfer" || text == "info" || text == "debug";
 }
 
 server_config parse_config(std::string_view text, const fs::path& file) {
@@ -374,8 +381,8 @@ server_config parse_config(std::string_view text, const fs::path& file) {
     try {
         root = toml::parse(text, file.string());
     } catch (const toml::parse_error& error) {
-        throw config_error(
-            fmt::format("{}:{}: {}", file.string(), error.source().begin.line, single_line(error.description())));
+        throw config_error(fmt::format("{}:{}: {}", file.string(), error.source().begin.line,
+                                       single_line(error.description())));
     }
     server_config config;
     config.listen = {listen_address{boost::asio::ip::make_address("127.0.0.1"), 2811}};
@@ -418,4 +425,4 @@ server_config load_config(const fs::path& file) {
     return parse_config(text.str(), file);
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** A configuration that cannot be used. what() is one line: "FILE:LINE: KEY: reason" as far as these are
  * known. */
@@ -52,7 +52,7 @@ struct server_config {
     std::uint16_t passive_last = 0;
     std::size_t block_size = 262144; /**< bytes */
     int concurrency = 4;             /**< blocks in flight per transfer */
-    int update_interval = 10;        /**< seconds between progress replies; 0 = none */
+    int update_interval = 5;         /**< seconds between progress replies; 0 = none */
 
     // [backend]
     std::string backend_name = "ceph";
@@ -71,7 +71,7 @@ struct server_config {
     std::uint64_t spool_limit = 16ULL << 30U;  /**< bytes, for the whole process */
 
     // [log]
-    std::string log_level = "info"; /**< error, warning, info, debug */
+    std::string log_level = "info"; /**< error, warning, transfer, info, debug */
     std::string log_file;           /**< "" = standard error */
 
     // [timeouts], in seconds
@@ -108,4 +108,4 @@ bool is_log_level(std::string_view text);
 /** Expand `${...}` in a text. @throws config_error with the reason alone */
 std::string expand_path(const std::string& text);
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

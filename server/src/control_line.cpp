@@ -7,7 +7,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace {
 
@@ -23,8 +23,7 @@ constexpr unsigned char lowest_command = 240;
 void append(control_line_state& state, char byte) {
     if (state.too_long) return;
     // One byte more than the limit is let in: it may be the CR of the line's end.
-    if (state.line.size() > control_line_limit ||
-        (state.line.size() == control_line_limit && byte != '\r')) {
+    if (state.line.size() > control_line_limit || (state.line.size() == control_line_limit && byte != '\r')) {
         state.too_long = true;
         state.line.clear();
         return;
@@ -98,7 +97,8 @@ control_line_step parse_control_line(control_line_state& state, std::string_view
         ++step.consumed;
         const auto value = static_cast<unsigned char>(byte);
         if (state.phase != telnet::none) {
-            // A line end never hides inside an unfinished sub-negotiation: garbage must not swallow the session.
+            // A line end never hides inside an unfinished sub-negotiation: garbage must not swallow the
+            // session.
             if (byte == '\n' && state.phase >= telnet::subnegotiation) {
                 state.phase = telnet::none;
             } else {
@@ -148,4 +148,4 @@ std::string loggable_line(std::string_view line) {
     return text;
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** Longest control line in bytes, without its line end. */
 inline constexpr std::size_t control_line_limit = 8192;
@@ -57,4 +57,4 @@ command_line split_command_line(std::string_view line);
  * 256 bytes. */
 std::string loggable_line(std::string_view line);
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

@@ -9,7 +9,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace ip = boost::asio::ip;
 
@@ -75,12 +75,12 @@ bool is_allowed_data_peer(const ip::tcp::endpoint& endpoint, const ip::address& 
 
 std::string passive_text(const ip::address_v4& address, std::uint16_t port) {
     const auto bytes = address.to_bytes();
-    return fmt::format("Entering Passive Mode ({},{},{},{},{},{})", bytes[0], bytes[1], bytes[2], bytes[3], port / 256,
-                       port % 256);
+    return fmt::format("Entering Passive Mode ({},{},{},{},{},{})", bytes[0], bytes[1], bytes[2], bytes[3],
+                       port / 256, port % 256);
 }
 
 std::string extended_passive_text(std::uint16_t port) {
     return fmt::format("Entering Extended Passive Mode (|||{}|)", port);
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

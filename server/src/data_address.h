@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** "h1,h2,h3,h4,p1,p2" of PORT. Nothing for anything else. */
 std::optional<boost::asio::ip::tcp::endpoint> parse_port_argument(std::string_view text);
@@ -37,4 +37,4 @@ std::string passive_text(const boost::asio::ip::address_v4& address, std::uint16
 /** Text of a 229 reply. */
 std::string extended_passive_text(std::uint16_t port);
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

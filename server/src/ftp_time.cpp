@@ -11,7 +11,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace {
 
@@ -25,12 +25,14 @@ struct broken_down_time {
 };
 
 // The first second of year 1000 and the first of year 10000: between them years have four digits.
-constexpr std::int64_t first_time = std::chrono::sys_seconds{std::chrono::sys_days{std::chrono::year{1000} / 1 / 1}}
-                                        .time_since_epoch()
-                                        .count();
-constexpr std::int64_t end_time = std::chrono::sys_seconds{std::chrono::sys_days{std::chrono::year{10000} / 1 / 1}}
-                                      .time_since_epoch()
-                                      .count();
+constexpr std::int64_t first_time =
+    std::chrono::sys_seconds{std::chrono::sys_days{std::chrono::year{1000} / 1 / 1}}
+        .time_since_epoch()
+        .count();
+constexpr std::int64_t end_time =
+    std::chrono::sys_seconds{std::chrono::sys_days{std::chrono::year{10000} / 1 / 1}}
+        .time_since_epoch()
+        .count();
 
 std::optional<broken_down_time> break_down(std::int64_t seconds) {
     using namespace std::chrono;
@@ -52,8 +54,8 @@ std::optional<broken_down_time> break_down(std::int64_t seconds) {
 std::optional<std::string> format_time_value(std::int64_t seconds) {
     const auto time = break_down(seconds);
     if (!time) return std::nullopt;
-    return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", time->year, time->month, time->day, time->hour, time->minute,
-                       time->second);
+    return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", time->year, time->month, time->day, time->hour,
+                       time->minute, time->second);
 }
 
 std::optional<std::int64_t> parse_time_value(std::string_view text) {
@@ -74,7 +76,9 @@ std::optional<std::int64_t> parse_time_value(std::string_view text) {
     const int second = number(12, 2);
     // 60 is a leap second (RFC 3659, 2.3).
     if (!date.ok() || number(0, 4) < 1000 || hour > 23 || minute > 59 || second > 60) return std::nullopt;
-    return (sys_seconds{sys_days{date}} + hours{hour} + minutes{minute} + seconds{second}).time_since_epoch().count();
+    return (sys_seconds{sys_days{date}} + hours{hour} + minutes{minute} + seconds{second})
+        .time_since_epoch()
+        .count();
 }
 
 std::string format_list_time(std::int64_t seconds, std::int64_t now) {
@@ -91,8 +95,9 @@ std::string format_list_time(std::int64_t seconds, std::int64_t now) {
 }
 
 std::int64_t current_time() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

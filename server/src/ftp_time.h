@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** YYYYMMDDHHMMSS (RFC 3659, 2.3); nothing for -1 and for a time without a four-digit year. */
 std::optional<std::string> format_time_value(std::int64_t seconds);
@@ -26,4 +26,4 @@ std::string format_list_time(std::int64_t seconds, std::int64_t now);
 /** The present, seconds since the epoch. */
 std::int64_t current_time();
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

@@ -5,7 +5,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 std::optional<resolved_path> resolve_path(std::string_view directory, std::string_view typed) {
     using namespace std::string_view_literals;
@@ -24,9 +24,8 @@ std::optional<resolved_path> resolve_path(std::string_view directory, std::strin
         rest = last ? std::string_view{} : rest.substr(slash + 1);
         if (component.empty()) continue;
         if (component == "." || component == "..") {
-            if (component.size() == 2) result.path.resize(result.path.rfind('/') == std::string::npos
-                                                              ? 0
-                                                              : result.path.rfind('/'));
+            if (component.size() == 2)
+                result.path.resize(result.path.rfind('/') == std::string::npos ? 0 : result.path.rfind('/'));
             if (last) result.names_directory = true;
             continue;
         }
@@ -55,4 +54,4 @@ std::string quoted_path(std::string_view path) {
     return text;
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

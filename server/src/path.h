@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** A resolved path. */
 struct resolved_path {
@@ -41,4 +41,4 @@ std::string_view last_component(std::string_view path);
  */
 std::string quoted_path(std::string_view path);
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

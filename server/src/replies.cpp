@@ -7,11 +7,15 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
-std::string reply(int code, std::string_view text) { return fmt::format("{} {}\r\n", code, single_line(text)); }
+std::string reply(int code, std::string_view text) {
+    return fmt::format("{} {}\r\n", code, single_line(text));
+}
 
-std::string reply_line(std::string_view text) { return single_line(text) + "\r\n"; }
+std::string reply_line(std::string_view text) {
+    return single_line(text) + "\r\n";
+}
 
 std::string multi_line_reply(int code, std::string_view first, const std::vector<std::string>& middle,
                              std::string_view last, std::string_view prefix) {
@@ -24,4 +28,4 @@ std::string multi_line_reply(int code, std::string_view first, const std::vector
     return text;
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** One line: "CODE text" with CRLF. CR, LF and NUL in the text become "?". */
 std::string reply(int code, std::string_view text);
@@ -91,4 +91,4 @@ inline constexpr std::string_view need_allo =
 inline constexpr std::string_view stage_done = "OK";
 }  // namespace texts
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

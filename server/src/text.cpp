@@ -6,12 +6,16 @@
 #include <algorithm>
 #include <charconv>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace {
 
-constexpr char upper(char letter) { return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 32) : letter; }
-constexpr char lower(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter; }
+constexpr char upper(char letter) {
+    return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 32) : letter;
+}
+constexpr char lower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
+}
 
 /** Length of the valid UTF-8 sequence (RFC 3629) that begins the text, 0 when there is none. */
 std::size_t utf8_length(std::string_view text) {
@@ -43,13 +47,15 @@ std::size_t utf8_length(std::string_view text) {
 
 std::string ascii_upper(std::string_view text) {
     std::string copy(text);
-    for (char& letter : copy) letter = upper(letter);
+    for (char& letter : copy)
+        letter = upper(letter);
     return copy;
 }
 
 std::string ascii_lower(std::string_view text) {
     std::string copy(text);
-    for (char& letter : copy) letter = lower(letter);
+    for (char& letter : copy)
+        letter = lower(letter);
     return copy;
 }
 
@@ -128,4 +134,4 @@ std::vector<std::string_view> split_lines(std::string_view text) {
     return lines;
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

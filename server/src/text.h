@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** A copy with ASCII letters in upper case. */
 std::string ascii_upper(std::string_view text);
@@ -41,4 +41,4 @@ std::string single_line(std::string_view text, bool* replaced = nullptr);
 /** The lines of a text, split at CRLF, LF or CR, without a last empty one. Views into the text. */
 std::vector<std::string_view> split_lines(std::string_view text);
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

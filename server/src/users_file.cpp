@@ -16,7 +16,7 @@
 
 #include "text.h"
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 namespace {
 
@@ -82,11 +82,12 @@ users_file users_file::parse(std::string_view text, const std::string& name) {
         // crypt_checksalt judges the method and the salt without computing anything.
         const int verdict = hash.empty() ? CRYPT_SALT_INVALID : ::crypt_checksalt(hash.c_str());
         if (verdict != CRYPT_SALT_OK && verdict != CRYPT_SALT_METHOD_LEGACY) {
-            throw users_file_error(
-                fmt::format("{}:{}: the hash of user \"{}\" is none that crypt knows", name, number, printable(user)));
+            throw users_file_error(fmt::format("{}:{}: the hash of user \"{}\" is none that crypt knows",
+                                               name, number, printable(user)));
         }
         if (!users.hashes_.emplace(user, hash).second) {
-            throw users_file_error(fmt::format("{}:{}: user \"{}\" is given twice", name, number, printable(user)));
+            throw users_file_error(
+                fmt::format("{}:{}: user \"{}\" is given twice", name, number, printable(user)));
         }
         if (users.decoy_.empty()) users.decoy_ = hash;
     }
@@ -99,14 +100,14 @@ users_file users_file::load(const std::filesystem::path& file) {
     const descriptor input(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     if (input.get() < 0) throw users_file_error(fmt::format("{}: {}", name, std::strerror(errno)));
     // The open file is examined, not the name: nobody can swap the file in between.
-    struct stat status {};
+    struct stat status{};
     if (::fstat(input.get(), &status) != 0) {
         throw users_file_error(fmt::format("{}: {}", name, std::strerror(errno)));
     }
     if (!S_ISREG(status.st_mode)) throw users_file_error(fmt::format("{}: is not a regular file", name));
     if ((status.st_mode & S_IRWXO) != 0) {
-        throw users_file_error(
-            fmt::format("{}: is accessible to others (mode {:04o}); chmod o-rwx it", name, status.st_mode & 07777U));
+        throw users_file_error(fmt::format("{}: is accessible to others (mode {:04o}); chmod o-rwx it", name,
+                                           status.st_mode & 07777U));
     }
     std::string text;
     std::array<char, 16384> buffer{};
@@ -129,4 +130,4 @@ bool users_file::check(const std::string& user, const std::string& password) con
     return known && equal;
 }
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

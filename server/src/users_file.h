@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-namespace zorvan::server {
+namespace zorvan::gridftp {
 
 /** A users file that cannot be used. what() is one line with the file, and the line where there is one. */
 class users_file_error : public std::runtime_error {
@@ -49,4 +49,4 @@ class users_file {
     std::string decoy_; /**< hash that stands in for a user who does not exist */
 };
 
-}  // namespace zorvan::server
+}  // namespace zorvan::gridftp

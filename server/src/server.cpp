@@ -1,0 +1,231 @@
+/*
+ * The server; see server.h.
+ */
+#include "server.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "server_log.h"
+
+namespace zorvan::gridftp {
+
+namespace {
+
+using asio::ip::tcp;
+
+unsigned network_threads(const server_config& config) {
+    return config.threads != 0 ? config.threads : std::max(1U, std::thread::hardware_concurrency());
+}
+
+std::string shown(const tcp::endpoint& endpoint) {
+    const std::string address = endpoint.address().to_string();
+    return endpoint.address().is_v6() ? fmt::format("[{}]:{}", address, endpoint.port())
+                                      : fmt::format("{}:{}", address, endpoint.port());
+}
+
+}  // namespace
+
+host_config make_host_config(const server_config& config) {
+    host_config result;
+    result.block_size = config.block_size;
+    result.concurrency = config.concurrency;
+    result.update_interval = std::chrono::seconds{config.update_interval};
+    result.backend_options = config.backend_options;
+    result.spool.enabled = config.spool_enabled;
+    result.spool.directory = config.spool_directory;
+    result.spool.memory = config.spool_memory;
+    result.spool.limit = config.spool_limit;
+    result.data_stall = config.data_stall;
+    result.receive_wait = config.receive_wait;
+    return result;
+}
+
+server::server(const server_config& config, const users_file& users, backend& module)
+    : config_(config),
+      io_(static_cast<int>(network_threads(config))),
+      work_(asio::make_work_guard(io_)),
+      login_threads_(2),
+      host_(std::make_unique<host>(make_host_config(config), io_.get_executor())),
+      environment_{config, users, module, *host_, login_threads_},
+      accept_strand_(asio::make_strand(io_)) {}
+
+server::~server() {
+    stop_threads();
+}
+
+bool server::start(std::string& error) {
+    for (const listen_address& address : config_.listen) {
+        const tcp::endpoint endpoint(address.address, address.port);
+        tcp::acceptor acceptor(accept_strand_);
+        boost::system::error_code code;
+        acceptor.open(endpoint.protocol(), code);
+        if (!code) acceptor.set_option(asio::socket_base::reuse_address(true), code);
+        if (!code) acceptor.bind(endpoint, code);
+        if (!code) acceptor.listen(asio::socket_base::max_listen_connections, code);
+        if (code) {
+            error = fmt::format("cannot listen on {}: {}", shown(endpoint), code.message());
+            return false;
+        }
+        acceptors_.push_back(std::move(acceptor));
+    }
+    if (!write_port_file(error)) return false;
+    for (std::size_t index = 0; index < acceptors_.size(); ++index)
+        accept(index);
+    if (signals_) wait_for_signal();
+    for (unsigned index = 0; index < network_threads(config_); ++index) {
+        threads_.emplace_back([this] { io_.run(); });
+    }
+    for (const tcp::endpoint& endpoint : endpoints()) {
+        log_line(ZORVAN_GFS_LOG_INFO, "listening on " + shown(endpoint));
+    }
+    return true;
+}
+
+std::vector<tcp::endpoint> server::endpoints() const {
+    std::vector<tcp::endpoint> result;
+    for (const tcp::acceptor& acceptor : acceptors_) {
+        boost::system::error_code ignored;
+        result.push_back(acceptor.local_endpoint(ignored));
+    }
+    return result;
+}
+
+bool server::write_port_file(std::string& error) const {
+    if (config_.port_file.empty()) return true;
+    std::string text;
+    for (const tcp::endpoint& endpoint : endpoints()) {
+        text += fmt::format("{} {}\n", endpoint.address().to_string(), endpoint.port());
+    }
+    // Whoever waits for the file must never see half of it.
+    const std::string temporary = fmt::format("{}.{}", config_.port_file, ::getpid());
+    std::FILE* file = std::fopen(temporary.c_str(), "we");
+    const bool written = file != nullptr && std::fputs(text.c_str(), file) >= 0;
+    const bool closed = file != nullptr && std::fclose(file) == 0;
+    if (written && closed && std::rename(temporary.c_str(), config_.port_file.c_str()) == 0) return true;
+    error = fmt::format("{}: {}", config_.port_file, std::strerror(errno));
+    ::unlink(temporary.c_str());
+    return false;
+}
+
+void server::accept(std::size_t index) {
+    // Every connection gets a strand of its own; the acceptor's is only for the acceptor.
+    acceptors_[index].async_accept(
+        asio::any_io_executor(asio::make_strand(io_)),
+        [this, index](const boost::system::error_code& error, asio::basic_stream_socket<tcp> accepted) {
+            if (!acceptors_[index].is_open()) return;
+            if (!error) {
+                begin_session(std::move(accepted));
+                accept(index);
+                return;
+            }
+            if (error == asio::error::operation_aborted) return;
+            log_line(ZORVAN_GFS_LOG_WARNING, "accepting a connection failed: " + error.message());
+            // Out of descriptors, most likely: trying again at once would only burn the processor.
+            auto pause = std::make_shared<asio::steady_timer>(accept_strand_, std::chrono::milliseconds{100});
+            pause->async_wait([this, index, pause](const boost::system::error_code&) {
+                if (acceptors_[index].is_open()) accept(index);
+            });
+        });
+}
+
+void server::begin_session(tcp::socket socket) {
+    const asio::any_io_executor executor = socket.get_executor();
+    auto client = std::make_shared<session>(environment_, std::move(socket));
+    {
+        const std::lock_guard lock(mutex_);
+        if (stopping_) return;
+        sessions_.insert(client);
+    }
+    asio::co_spawn(executor, client->run(), [this, client](const std::exception_ptr& error) {
+        if (error) log_line(ZORVAN_GFS_LOG_ERROR, "a session ended with an exception");
+        const std::lock_guard lock(mutex_);
+        sessions_.erase(client);
+        changed_.notify_all();
+    });
+}
+
+void server::handle_signals() {
+    signals_ = std::make_unique<asio::signal_set>(accept_strand_, SIGTERM, SIGINT, SIGHUP);
+}
+
+void server::wait_for_signal() {
+    signals_->async_wait([this](const boost::system::error_code& error, int number) {
+        if (error) return;
+        if (number == SIGHUP) {
+            reopen_log();
+            wait_for_signal();
+            return;
+        }
+        log_line(ZORVAN_GFS_LOG_INFO, fmt::format("signal {}: shutting down", number));
+        stop();
+        // A second signal takes effect at once.
+        signals_->clear();
+    });
+}
+
+void server::stop() {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    changed_.notify_all();
+}
+
+bool server::wait_for_sessions(std::chrono::milliseconds time) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, time, [this] { return sessions_.empty(); });
+}
+
+bool server::run() {
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return stopping_; });
+        for (const auto& client : sessions_)
+            client->drain();
+    }
+    asio::post(accept_strand_, [this] {
+        for (tcp::acceptor& acceptor : acceptors_) {
+            boost::system::error_code ignored;
+            acceptor.close(ignored);
+        }
+    });
+    constexpr std::chrono::seconds grace{10};
+    if (!wait_for_sessions(config_.shutdown)) {
+        log_line(ZORVAN_GFS_LOG_WARNING, "the time to shut down is over: cutting the running transfers");
+        {
+            const std::lock_guard lock(mutex_);
+            for (const auto& client : sessions_)
+                client->cut();
+        }
+        if (!wait_for_sessions(grace)) return false;
+    }
+    const bool idle = host_->wait_idle(grace);
+    if (idle) stop_threads();
+    return idle;
+}
+
+void server::stop_threads() {
+    work_.reset();
+    asio::post(accept_strand_, [this] {
+        boost::system::error_code ignored;
+        for (tcp::acceptor& acceptor : acceptors_)
+            acceptor.close(ignored);
+        if (signals_) signals_->cancel(ignored);
+    });
+    login_threads_.join();
+    for (std::thread& thread : threads_)
+        thread.join();
+    threads_.clear();
+}
+
+}  // namespace zorvan::gridftp
