@@ -1,0 +1,214 @@
+"""Fixtures of the end-to-end tests: real stores, the real server with the real module, real clients.
+
+A run needs built binaries (--build-dir). Every test runs against both stores; --store picks one, --no-rgw leaves the RADOS
+Gateway out. After every test the server must have closed what the test opened.
+"""
+
+import itertools
+import shutil
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+import botocore.exceptions
+import pytest
+
+from ftp_client import FtpClient
+from gateway import Gateway
+from stores import DevStore, RgwStore
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+STORES = ("devstore", "rgw")
+
+
+def pytest_addoption(parser):
+    group = parser.getgroup("gateway")
+    group.addoption("--build-dir", default=str(ROOT / "build" / "release"), help="where bin/ and lib/ are")
+    group.addoption("--store", choices=STORES, help="run against this store alone")
+    group.addoption("--no-rgw", action="store_true", help="skip the tests against the RADOS Gateway")
+
+
+@dataclass
+class Binaries:
+    server: Path
+    devstore: Path
+    module_dir: Path
+
+    @property
+    def module(self):
+        return self.module_dir / "libzorvan_gridftp_server_ceph.so"
+
+
+def pytest_configure(config):
+    build = Path(config.getoption("--build-dir")).resolve()
+    config.binaries = Binaries(build / "bin" / "zorvan-gridftp-server", build / "bin" / "zorvan-devstore", build / "lib")
+    for path in (config.binaries.server, config.binaries.devstore, config.binaries.module):
+        if not path.exists() and not config.option.collectonly and not config.option.help:
+            raise pytest.UsageError(f"{path} is missing: build first, or name the build with --build-dir")
+    if config.getoption("--store") != "devstore" and not config.getoption("--no-rgw") and not shutil.which("radosgw"):
+        raise pytest.UsageError("radosgw is not installed; --no-rgw runs the tests against the dev store alone")
+
+
+def pytest_generate_tests(metafunc):
+    if "store" in metafunc.fixturenames:
+        if marker := metafunc.definition.get_closest_marker("devstore_only"):
+            assert marker.kwargs.get("reason"), "say why the other store cannot run the test"
+            names = ["devstore"]
+        else:
+            names = list(STORES)
+        chosen = metafunc.config.getoption("--store")
+        metafunc.parametrize("store", [name for name in names if chosen in (None, name)], indirect=True, scope="session")
+
+
+@pytest.fixture(scope="session")
+def binaries(request):
+    return request.config.binaries
+
+
+@pytest.fixture(scope="session")
+def store(request, binaries):
+    if request.param == "rgw" and request.config.getoption("--no-rgw"):
+        pytest.skip("--no-rgw")
+    folder = Path(tempfile.mkdtemp(prefix=f"zorvan-{request.param}-"))
+    running = DevStore(binaries.devstore, folder) if request.param == "devstore" else RgwStore(folder)
+    try:
+        yield running
+    finally:
+        running.stop()
+        shutil.rmtree(folder, ignore_errors=True)
+
+
+@pytest.fixture(scope="session")
+def server(store, binaries):
+    """The server that most tests share. What it must not do, over all of them, is checked at the end."""
+    folder = Path(tempfile.mkdtemp(prefix="zorvan-server-"))
+    gateway = Gateway(binaries, store, folder)
+    with FtpClient(gateway.host, gateway.port) as warm:
+        assert warm.login("alice", gateway.passwords["alice"]).code == 230
+        warm.listing("NLST", "/")
+    gateway.wait_idle()
+    files = gateway.open_files()
+    yield gateway
+    gateway.wait_idle()
+    with FtpClient(gateway.host, gateway.port) as last:
+        assert last.login("alice", gateway.passwords["alice"]).code == 230
+        last.quit()
+    gateway.wait_idle()
+    assert gateway.open_files() <= files, "files, pipes or event handles were left open"
+    gateway.stop()
+    text = gateway.log_text()
+    for secret in [*gateway.passwords.values(), *(pair[1] for pairs in store.users.values() for pair in pairs)]:
+        assert secret not in text, "a password or a secret key is in the server's log"
+    shutil.rmtree(folder, ignore_errors=True)
+
+
+@pytest.fixture
+def fresh_server(store, binaries):
+    """Makes servers of a test's own; keyword arguments as Gateway takes them."""
+    made = []
+
+    def make(**options):
+        folder = Path(tempfile.mkdtemp(prefix="zorvan-server-"))
+        made.append(Gateway(binaries, store, folder, **options))
+        return made[-1]
+
+    yield make
+    for gateway in made:
+        if gateway.process.poll() is None:
+            gateway.stop()
+        shutil.rmtree(gateway.folder, ignore_errors=True)
+
+
+@pytest.fixture(autouse=True)
+def nothing_left_behind(request):
+    """After each test on the shared server: no session, no data connection, no spool file."""
+    server = request.getfixturevalue("server") if "server" in request.fixturenames else None
+    yield
+    if server:
+        assert server.process.poll() is None, f"the server died:\n{server.log_text()[-4000:]}"
+        server.wait_idle()
+
+
+@pytest.fixture
+def connect(server):
+    """Makes control connections that are closed at the end of the test."""
+    made = []
+
+    def make(host=None):
+        made.append(FtpClient(server.host, server.port))
+        if host:
+            made[-1].expect(220, f"HOST {host}")
+        return made[-1]
+
+    yield make
+    for client in made:
+        client.close()
+
+
+@pytest.fixture
+def login(server, connect):
+    """Makes logged-in control connections in binary mode."""
+
+    def make(user="alice", host=None):
+        client = connect(host)
+        reply = client.login(user, server.passwords[user])
+        assert reply.code == 230, reply.lines
+        client.expect(200, "TYPE I")
+        return client
+
+    return make
+
+
+@pytest.fixture
+def ftp(login):
+    """Alice's control connection."""
+    return login()
+
+
+@pytest.fixture(scope="session")
+def s3(store):
+    """Alice's own S3 client: the judge of what is stored."""
+    return store.client("alice")
+
+
+@pytest.fixture(scope="session")
+def new_bucket(store):
+    """Makes buckets with names never used before."""
+    numbers = itertools.count()
+
+    def make(owner="alice", name=None):
+        name = name or f"{owner}-bucket-{next(numbers)}"
+        store.client(owner).create_bucket(Bucket=name)
+        return name
+
+    return make
+
+
+@pytest.fixture
+def bucket(new_bucket):
+    """An empty bucket of Alice's."""
+    return new_bucket()
+
+
+@pytest.fixture
+def stored(s3):
+    """The bytes of an object, or None when there is none."""
+
+    def read(bucket, key):
+        try:
+            return s3.get_object(Bucket=bucket, Key=key)["Body"].read()
+        except botocore.exceptions.ClientError as error:
+            assert error.response["Error"]["Code"] in ("NoSuchKey", "404"), error
+            return None
+
+    return read
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Shows what the server logged while a failing test ran."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed and "server" in getattr(item, "funcargs", {}):
+        text = item.funcargs["server"].log_text()
+        report.sections.append(("server log", "\n".join(text.splitlines()[-40:])))
