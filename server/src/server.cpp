@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/strand.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
