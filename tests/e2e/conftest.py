@@ -24,6 +24,7 @@ STORES = ("devstore", "rgw")
 def pytest_addoption(parser):
     group = parser.getgroup("gateway")
     group.addoption("--build-dir", default=str(ROOT / "build" / "release"), help="where bin/ and lib/ are")
+    group.addoption("--devstore-binary", help="a dev store from elsewhere, say from a faster build")
     group.addoption("--store", choices=STORES, help="run against this store alone")
     group.addoption("--no-rgw", action="store_true", help="skip the tests against the RADOS Gateway")
 
@@ -41,7 +42,8 @@ class Binaries:
 
 def pytest_configure(config):
     build = Path(config.getoption("--build-dir")).resolve()
-    config.binaries = Binaries(build / "bin" / "zorvan-gridftp-server", build / "bin" / "zorvan-devstore", build / "lib")
+    devstore = Path(config.getoption("--devstore-binary") or build / "bin" / "zorvan-devstore")
+    config.binaries = Binaries(build / "bin" / "zorvan-gridftp-server", devstore, build / "lib")
     for path in (config.binaries.server, config.binaries.devstore, config.binaries.module):
         if not path.exists() and not config.option.collectonly and not config.option.help:
             raise pytest.UsageError(f"{path} is missing: build first, or name the build with --build-dir")

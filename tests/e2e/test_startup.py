@@ -116,12 +116,12 @@ def test_file_that_is_no_module(files):
 
 def test_missing_option_file(files):
     (files.folder / "ceph.conf").unlink()
-    refused(files(), "ceph", lines=3)
+    refused(files(), f"Error loading config file {files.folder}/ceph.conf", lines=3)
 
 
 def test_option_that_the_module_does_not_know(files):
     write_private(files.folder / "ceph.conf", module_options(NoStore, part_sise=5))
-    refused(files(), lines=3)
+    refused(files(), f'Error parsing {files.folder}/ceph.conf:6: unknown option "part_sise"', lines=3)
 
 
 def test_module_that_fails_to_activate(files):
