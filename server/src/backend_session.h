@@ -123,6 +123,10 @@ class transfer_events {
     /// Awaited once: before the first byte goes out, before a clean end without a byte, before the first byte
     /// of an upload is asked for. The late 150 goes out here. A transfer that fails earlier never calls it.
     virtual task<void> on_first_data() = 0;
+    /// Asked at the clean end of an upload's data: is the control connection still there? A client that died
+    /// ends its data connection as neatly as one that is done, so look at the socket (a peek), not only at
+    /// what was read from it.
+    virtual bool control_alive() noexcept { return true; }
 };
 
 struct transfer_outcome {
@@ -175,7 +179,7 @@ class backend_session {
     class implementation;
 
   private:
-    explicit backend_session(std::unique_ptr<implementation> implementation);
+    explicit backend_session(std::unique_ptr<implementation> made);
     std::unique_ptr<implementation> implementation_;
 };
 

@@ -3,10 +3,13 @@
 // session, destroyed after the last one. Thread-safe.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "async.h"
 #include "host_config.h"
@@ -28,6 +31,22 @@ struct host_counters {
     std::size_t receive_locks = 0;  ///< paths being received
 };
 
+/// The live counts, kept by the objects themselves.
+class host_gauges {
+  public:
+    /// One more (+1) or less (-1). Any thread.
+    void count_session(int change);
+    void count_operation(int change);
+    std::atomic<std::size_t> callbacks{0};
+
+  private:
+    friend class host;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::size_t sessions_ = 0;
+    std::size_t operations_ = 0;
+};
+
 class host {
   public:
     /// @param io  an executor of the I/O threads (not a strand); used for nothing but background work
@@ -43,6 +62,8 @@ class host {
     spool_budget& spool() noexcept { return *spool_; }
     receive_locks& locks() noexcept { return *locks_; }
 
+    host_gauges& gauges() noexcept { return gauges_; }
+
     host_counters counters() const;
 
     /// Orderly shutdown, after every control connection was told to go: wait until all sessions are
@@ -54,9 +75,11 @@ class host {
   private:
     host_config config_;
     asio::any_io_executor io_;
-    std::unique_ptr<callback_pool> pool_;
+    host_gauges gauges_;
     std::unique_ptr<spool_budget> spool_;
     std::unique_ptr<receive_locks> locks_;
+    // Last, so that its threads end before anything that they use.
+    std::unique_ptr<callback_pool> pool_;
 };
 
 }  // namespace zorvan::gridftp

@@ -1,0 +1,79 @@
+// Inside of backend_session: what its operations share on the session's strand.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "backend_session.h"
+#include "operation.h"
+#include "spool.h"
+#include "transfer_channel.h"
+
+namespace zorvan::gridftp {
+
+class backend_session::implementation {
+  public:
+    implementation(std::shared_ptr<session_core> session, asio::any_io_executor on_strand);
+
+    std::shared_ptr<session_core> core;
+    asio::any_io_executor strand;
+    async_event event;                   ///< of everything that an operation's coroutine waits for
+    std::shared_ptr<operation> last;     ///< its entry may still be running
+    std::shared_ptr<operation> running;  ///< what abort() is for
+    std::function<void()> on_interrupt;  ///< what else abort() ends: a connect, a read
+    bool busy = false;
+    bool aborted = false;  ///< the operation
+    bool gone = false;     ///< the client
+
+    bool stopped() const noexcept { return aborted || gone; }
+    void interrupt() noexcept;
+
+    task<std::shared_ptr<operation>> begin(operation_kind kind);
+    task<void> wait_finished(operation& op);
+    task<stat_outcome> stat(std::string path, bool file_only, stat_sink& sink);
+
+    static operation_error unsupported();
+
+    /// An upload that is put into a spool: what came of it.
+    struct spooled {
+        std::shared_ptr<spool> data;  ///< complete; null: see error
+        std::optional<operation_error> error;
+        std::uint64_t bytes = 0;
+    };
+    task<spooled> spool_upload(const receive_request& request, data_connector& connector,
+                               transfer_events& events);
+    task<std::optional<operation_error>> check_bucket(const std::string& path);
+    task<transfer_outcome> transfer(std::shared_ptr<operation> op);
+
+    /// Marks the time of one operation's coroutine.
+    class operation_scope {
+      public:
+        explicit operation_scope(implementation& self) : self_(self) {
+            self_.busy = true;
+            self_.aborted = false;
+        }
+        operation_scope(const operation_scope&) = delete;
+        operation_scope& operator=(const operation_scope&) = delete;
+        ~operation_scope() { self_.busy = false; }
+
+      private:
+        implementation& self_;
+    };
+
+    /// Makes an operation the one that abort() is for.
+    class running_operation {
+      public:
+        running_operation(implementation& self, std::shared_ptr<operation> op) : self_(self) {
+            self_.running = std::move(op);
+        }
+        running_operation(const running_operation&) = delete;
+        running_operation& operator=(const running_operation&) = delete;
+        ~running_operation() { self_.running.reset(); }
+
+      private:
+        implementation& self_;
+    };
+};
+
+}  // namespace zorvan::gridftp

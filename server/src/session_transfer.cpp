@@ -1,0 +1,320 @@
+// A session's transfers: which channel moves the data, what comes before the back end is asked (the spool for
+// an upload of unknown size, the lock on the path, the place to append at), and whose failure counts in the
+// end.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "digest.h"
+#include "session_implementation.h"
+#include "stream_channel.h"
+#include "stream_receiver.h"
+#include "stream_sender.h"
+
+namespace zorvan::gridftp {
+namespace {
+
+constexpr std::size_t file_piece = 1 << 20;
+
+operation_error aborted_error() {
+    return operation_error::channel(426, "Transfer aborted. Data connection closed.");
+}
+
+/// Run a blocking function on the pool and wait for it.
+task<void> on_pool(host& shared, const asio::any_io_executor& strand, std::function<void()> function) {
+    struct shared_state {
+        explicit shared_state(const asio::any_io_executor& executor) : event(executor) {}
+        async_event event;
+        std::atomic<bool> done{false};
+    };
+    auto state = std::make_shared<shared_state>(strand);
+    shared.pool().submit([state, function = std::move(function)] {
+        function();
+        state->done = true;
+        state->event.notify();
+    });
+    while (!state->done) {
+        co_await state->event.wait();
+    }
+}
+
+/// Ends reads of a client that sends nothing for too long.
+class stall_timer {
+  public:
+    stall_timer(const asio::any_io_executor& strand, data_stream& stream, std::chrono::milliseconds limit)
+        : timer_(strand), stream_(stream), limit_(limit) {}
+    stall_timer(const stall_timer&) = delete;
+    stall_timer& operator=(const stall_timer&) = delete;
+    task<io_result> read(asio::mutable_buffer buffer) {
+        timer_.expires_after(limit_);
+        timer_.async_wait([this, alive = alive_](const boost::system::error_code& error) {
+            if (!error && *alive) {
+                stalled_ = true;
+                stream_.reset();
+            }
+        });
+        auto result = co_await stream_.read_some(buffer);
+        timer_.cancel();
+        co_return result;
+    }
+    ~stall_timer() {
+        *alive_ = false;
+        timer_.cancel();
+    }
+    bool stalled() const noexcept { return stalled_; }
+
+  private:
+    asio::steady_timer timer_;
+    data_stream& stream_;
+    std::chrono::milliseconds limit_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    bool stalled_ = false;
+};
+
+std::string bucket_path(const std::string& path) {
+    const auto end = path.find('/', 1);
+    return end == std::string::npos ? path : path.substr(0, end);
+}
+
+}  // namespace
+
+task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr<operation> op) {
+    const running_operation current(*this, op);
+    if (stopped()) {
+        op->channel->abort();
+    }
+    const bool sends = op->kind() == operation_kind::send;
+    auto* entry = sends ? core->module.table().send : core->module.table().recv;
+    op->start([entry, kept = op.get(), session = core->handle](zorvan_gridftp_server_operation_t handle) {
+        entry(handle, &kept->records.transfer_info, session);
+    });
+    co_await op->channel->run();
+
+    transfer_outcome outcome;
+    outcome.aborted = stopped();
+    outcome.bytes = op->channel->bytes();
+    operation::guard held(*op);
+    outcome.store_confirmed = op->succeeded_locked();
+    const auto& channel_error = op->channel_error_locked();
+    // The first failure is the reason of the others; a channel that failed after the back end did is none.
+    if (channel_error && (op->channel_failed_first_locked() || op->succeeded_locked())) {
+        outcome.error = channel_error;
+    } else {
+        outcome.error = op->error_locked();
+    }
+    co_return outcome;
+}
+
+task<transfer_outcome> backend_session::send(send_request request, data_connector& connector,
+                                             transfer_events& events) {
+    const implementation::operation_scope scope(*implementation_);
+    auto& self = *implementation_;
+    if (self.core->module.table().send == nullptr) {
+        transfer_outcome outcome;
+        outcome.error = implementation::unsupported();
+        co_return outcome;
+    }
+    auto op = co_await self.begin(operation_kind::send);
+    op->records.path = std::move(request.path);
+    op->records.ranges = std::move(request.ranges);
+    op->records.transfer_info.pathname = op->records.path.c_str();
+    op->records.transfer_info.stripe_count = 1;
+    op->channel = std::make_shared<stream_sender>(*op, self.strand, connector, events);
+    co_return co_await self.transfer(op);
+}
+
+task<std::optional<operation_error>> backend_session::implementation::check_bucket(const std::string& path) {
+    collecting_stat_sink sink;
+    auto outcome = co_await stat(bucket_path(path), true, sink);
+    co_return outcome.error;
+}
+
+task<backend_session::implementation::spooled> backend_session::implementation::spool_upload(
+    const receive_request& request, data_connector& connector, transfer_events& events) {
+    const auto& config = core->shared.config();
+    spooled result;
+    // The client may be one that connects only after the preliminary reply.
+    co_await events.on_first_data();
+    on_interrupt = [&connector] { connector.cancel(); };
+    connect_result connected;
+    if (!stopped()) {
+        connected = co_await connector.connect();
+    }
+    on_interrupt = nullptr;
+    if (!connected.stream) {
+        result.error = stopped()
+                           ? aborted_error()
+                           : operation_error::channel(
+                                 connected.reply_code,
+                                 connected.error.empty() ? "Can't open data connection." : connected.error);
+        co_return result;
+    }
+    auto stream = std::move(connected.stream);
+    stream->set_buffer_sizes(config.block_size * static_cast<std::size_t>(config.concurrency), 0);
+    on_interrupt = [raw = stream.get()] { raw->reset(); };
+    auto data = std::make_shared<spool>(core->shared.spool(), config.spool);
+    std::optional<md5_digest> digest;
+    if (request.expected_checksum && is_md5(request.expected_checksum_algorithm)) {
+        digest.emplace();
+    }
+    stall_timer reader(strand, *stream, config.data_stall);
+    std::vector<unsigned char> piece;
+    bool ended = false;
+    while (!ended && !result.error) {
+        auto room = data->memory_room();
+        const bool in_memory = !room.empty();
+        if (!in_memory && piece.empty()) {
+            // Before a long upload takes disk space, see whether there is a place for it at all.
+            result.error = co_await check_bucket(request.path);
+            int reason = 0;
+            if (!result.error) {
+                co_await on_pool(core->shared, strand, [&] { reason = data->open_file(); });
+            }
+            if (reason != 0) {
+                result.error =
+                    operation_error::server(452, {}, "No room to receive an upload of unknown size.");
+            }
+            if (result.error || stopped()) {
+                break;
+            }
+            piece.resize(file_piece);
+        }
+        std::size_t filled = 0;
+        // Fill the whole room of a piece, so that the file is written in large pieces.
+        auto target = in_memory ? room : std::span<unsigned char>(piece);
+        while (filled < target.size() && !ended) {
+            const auto read =
+                co_await reader.read(asio::buffer(target.data() + filled, target.size() - filled));
+            if (digest) {
+                digest->update(std::span<const unsigned char>(target.data() + filled, read.bytes));
+            }
+            filled += read.bytes;
+            result.bytes += read.bytes;
+            ended = read.error.failed();
+            if (ended && (stopped() || read.error != asio::error::eof)) {
+                result.error =
+                    stopped() ? aborted_error()
+                              : operation_error::channel(
+                                    426, reader.stalled()
+                                             ? "Data connection timed out. Transfer aborted."
+                                             : "Data connection broken before the end of the data. Transfer "
+                                               "aborted.");
+            }
+        }
+        if (in_memory) {
+            data->memory_filled(filled);
+        } else if (!result.error && filled > 0) {
+            int reason = 0;
+            co_await on_pool(core->shared, strand,
+                             [&] { reason = data->append_to_file(std::span(piece).first(filled)); });
+            if (reason != 0) {
+                result.error =
+                    operation_error::server(552, {}, "No room to receive an upload of unknown size.");
+            }
+        }
+    }
+    on_interrupt = nullptr;
+    if (!result.error && !stopped() && !events.control_alive()) {
+        result.error = operation_error::channel(426, "Control connection lost. Transfer aborted.");
+    }
+    if (stopped()) {
+        result.error = aborted_error();
+    }
+    if (!result.error && digest && !same_checksum(digest->finish(), *request.expected_checksum)) {
+        result.error = operation_error::server(
+            550, "INCORRECT_CHECKSUM", "The data do not have the checksum that was announced for them.");
+    }
+    if (!result.error) {
+        result.data = std::move(data);
+        stream->close();
+    } else if (stopped() || ended) {
+        stream->reset();
+    } else {
+        drain_in_background(std::move(stream), config, strand);
+    }
+    co_return result;
+}
+
+task<transfer_outcome> backend_session::receive(receive_request request, data_connector& connector,
+                                                transfer_events& events) {
+    const implementation::operation_scope scope(*implementation_);
+    auto& self = *implementation_;
+    auto& shared = self.core->shared;
+    transfer_outcome outcome;
+    if (self.core->module.table().recv == nullptr) {
+        outcome.error = implementation::unsupported();
+        co_return outcome;
+    }
+    if (request.append || (request.announced_size && *request.announced_size == 0)) {
+        request.announced_size.reset();
+    }
+
+    implementation::spooled received;
+    const bool spools = !request.announced_size;
+    if (spools) {
+        if (!shared.config().spool.enabled) {
+            outcome.error = operation_error::server(
+                504, {}, "The size of the upload must be announced with ALLO before it.");
+            co_return outcome;
+        }
+        received = co_await self.spool_upload(request, connector, events);
+        outcome.bytes = received.bytes;
+        if (received.error) {
+            outcome.error = std::move(received.error);
+            outcome.aborted = self.stopped();
+            co_return outcome;
+        }
+    }
+
+    auto lock =
+        co_await shared.locks().acquire(self.core->record.collection + '\0' + request.path, self.event,
+                                        shared.config().receive_wait, [&self] { return self.stopped(); });
+    if (!lock) {
+        outcome.aborted = self.stopped();
+        outcome.error = self.stopped()
+                            ? aborted_error()
+                            : operation_error::server(450, {}, "Another upload to this path is running.");
+        co_return outcome;
+    }
+    if (request.append) {
+        collecting_stat_sink sink;
+        const auto found = co_await self.stat(request.path, true, sink);
+        // A name that is not there, or cannot be looked at, is for the store itself to judge.
+        request.write_offset = !found.error && !sink.records.empty() && !S_ISDIR(sink.records.front().mode)
+                                   ? sink.records.front().size
+                                   : 0;
+    }
+
+    auto op = co_await self.begin(operation_kind::receive);
+    auto& records = op->records;
+    records.path = std::move(request.path);
+    records.ranges = {byte_range{request.write_offset, -1}};
+    records.modification_time = request.modification_time;
+    auto& info = records.transfer_info;
+    info.pathname = records.path.c_str();
+    info.truncate = request.write_offset == 0 ? 1 : 0;
+    info.stripe_count = 1;
+    const std::uint64_t size = spools ? received.data->size() : *request.announced_size;
+    info.alloc_size = static_cast<std::int64_t>(size);
+    std::optional<std::string> checked_md5;
+    if (request.expected_checksum) {
+        records.checksum = request.expected_checksum;
+        records.algorithm = request.expected_checksum_algorithm;
+        info.expected_checksum = records.checksum->c_str();
+        info.expected_checksum_algorithm = records.algorithm->c_str();
+        if (is_md5(*records.algorithm)) {
+            checked_md5 = records.checksum;
+        }
+    }
+    if (spools) {
+        op->channel = std::make_shared<spool_channel>(*op, std::move(received.data));
+    } else {
+        op->channel = std::make_shared<stream_receiver>(*op, self.strand, connector, events, size,
+                                                        std::move(checked_md5));
+    }
+    op->hold(std::move(lock));
+    co_return co_await self.transfer(op);
+}
+
+}  // namespace zorvan::gridftp
