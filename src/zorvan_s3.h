@@ -14,7 +14,9 @@
 #include <zorvan_common.h>
 #include <zorvan_gridftp_server.h>
 
-#include <openssl/types.h>
+/* The MD5_* calls keep their state inside the record; the newer interface allocates it. */
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/md5.h>
 
 #include <atomic>
 #include <cstddef>
@@ -246,7 +248,7 @@ constexpr size_t zorvan_i_s3_md5sum_encoded_size = 25;
 
 /** An MD5 in the making. Used by one thread at a time. */
 struct zorvan_i_s3_checksum_t {
-    EVP_MD_CTX* md5;
+    MD5_CTX md5;
     char md5sum[zorvan_i_s3_md5sum_size]; /**< lower-case digits; empty until finalised */
     uint64_t nbytes;                      /**< bytes fed, also by failed updates */
 };
@@ -285,6 +287,8 @@ void zorvan_i_s3_mime_types_destroy() noexcept;
 int zorvan_i_s3_mime_types_parse(const char* path) noexcept;
 /** The type of an extension, compared as it stands; null when unknown. Borrowed from the table. */
 const char* zorvan_i_s3_mime_type_of_extension(const char* extension) noexcept;
+/** The type of a key by the text after its last "."; null when there is none. `key` may be null. */
+const char* zorvan_i_s3_mime_type_of_key(const char* key) noexcept;
 
 /* ------------------------------------------------------------------------- paths */
 
