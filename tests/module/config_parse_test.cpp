@@ -1,0 +1,438 @@
+// The configuration file and the collection storage policy.
+#include <cerrno>
+
+#include "module_fixture.h"
+
+using namespace module_test;
+
+namespace {
+
+class ConfigParse : public ModuleTest {
+  protected:
+    // Activate with a configuration that must be refused; @return the error.
+    ErrorView refused(const std::string& config) {
+        const auto result = try_activate(config);
+        EXPECT_NE(result, ZORVAN_SUCCESS);
+        const auto view = view_result(result);
+        release_result(result);
+        zorvan_extension_handle_t handle = nullptr;
+        EXPECT_EQ(zorvan_extension_registry_lookup(&handle, &zorvan_i_gfs_dsi_registry, "ceph"), nullptr);
+        zorvan_extension_release(handle);
+        return view;
+    }
+    void expect_refused(const std::string& config, const std::string& text_with_path) {
+        auto text = text_with_path;
+        if (const auto at = text.find("PATH"); at != std::string::npos)
+            text.replace(at, 4, path_of("ceph.conf"));
+        expect_generic(refused(config), "config_parse", text);
+    }
+    void expect_bool_refused(const std::string& value) {
+        expect_refused(
+            "use_https = " + value + "\n",
+            "Error parsing PATH:1: unexpected value for boolean attribute use_https: \"" + value + "\"\n");
+    }
+    void expect_int_refused(const std::string& value) {
+        expect_refused(
+            "max_retries = " + value + "\n",
+            "Error parsing PATH:1: unexpected value for integer attribute max_retries: \"" + value + "\"\n");
+    }
+    void expect_long_refused(const std::string& value) {
+        expect_refused(
+            "part_size = " + value + "\n",
+            "Error parsing PATH:1: unexpected value for long long attribute part_size: \"" + value + "\"\n");
+    }
+};
+
+TEST_F(ConfigParse, DefaultsStandWhenTheFileIsEmpty) {
+    activate("");
+    EXPECT_EQ(zorvan_i_s3_default_hostname, nullptr);
+    EXPECT_EQ(zorvan_i_s3_default_region, nullptr);
+    EXPECT_EQ(zorvan_i_s3_mime_type_file, nullptr);
+    EXPECT_TRUE(zorvan_i_s3_https);
+    EXPECT_FALSE(zorvan_i_s3_use_virtual_host);
+    EXPECT_TRUE(zorvan_i_s3_verify_peer);
+    EXPECT_EQ(zorvan_i_s3_max_retries, 1);
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 100);
+    EXPECT_EQ(zorvan_i_s3_part_size, 0);
+    EXPECT_EQ(zorvan_i_s3_restore_days, 4);
+    EXPECT_EQ(zorvan_i_s3_restore_tier, nullptr);
+    EXPECT_EQ(zorvan_i_s3_rg_admin_bucket, nullptr);
+    EXPECT_EQ(zorvan_i_s3_rg_admin_access_key_id, nullptr);
+    EXPECT_EQ(zorvan_i_s3_rg_admin_secret_access_key, nullptr);
+}
+
+TEST_F(ConfigParse, EveryKeyOfBothTablesIsStored) {
+    const auto types = write_file("mime.types", "text/plain txt\n");
+    activate("host_name = h.example:1\ndefault_region = r1\nmime_types_path = " + types +
+             "\nuse_https = no\nuse_virtual_host = on\nverify_peer = 0\nmax_retries = 7\nretry_delay = 250\n"
+             "part_size = 6000000\nrestore_days = 9\nrestore_tier = Bulk\nceph_rgw_admin_bucket = adm\n"
+             "ceph_rgw_admin_access_key_id = AK\nceph_rgw_admin_secret_access_key = SK\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "h.example:1");
+    EXPECT_STREQ(zorvan_i_s3_default_region, "r1");
+    EXPECT_EQ(types, zorvan_i_s3_mime_type_file);
+    EXPECT_FALSE(zorvan_i_s3_https);
+    EXPECT_TRUE(zorvan_i_s3_use_virtual_host);
+    EXPECT_FALSE(zorvan_i_s3_verify_peer);
+    EXPECT_EQ(zorvan_i_s3_max_retries, 7);
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 250);
+    EXPECT_EQ(zorvan_i_s3_part_size, 6000000);
+    EXPECT_EQ(zorvan_i_s3_restore_days, 9);
+    EXPECT_STREQ(zorvan_i_s3_restore_tier, "Bulk");
+    EXPECT_STREQ(zorvan_i_s3_rg_admin_bucket, "adm");
+    EXPECT_STREQ(zorvan_i_s3_rg_admin_access_key_id, "AK");
+    EXPECT_STREQ(zorvan_i_s3_rg_admin_secret_access_key, "SK");
+}
+
+TEST_F(ConfigParse, TrueWordsIgnoreCase) {
+    int n = 0;
+    for (const char* word : {"Yes", "TRUE", "true", "yes", "on", "On", "1"}) {
+        zorvan_i_s3_https = false;
+        activate(std::string("use_https = ") + word + "\n");
+        EXPECT_TRUE(zorvan_i_s3_https) << word;
+        deactivate();
+        ++n;
+    }
+    EXPECT_EQ(n, 7);
+}
+
+TEST_F(ConfigParse, FalseWordsIgnoreCase) {
+    for (const char* word : {"No", "FALSE", "false", "no", "off", "Off", "0"}) {
+        zorvan_i_s3_https = true;
+        activate(std::string("use_https = ") + word + "\n");
+        EXPECT_FALSE(zorvan_i_s3_https) << word;
+        deactivate();
+    }
+}
+
+TEST_F(ConfigParse, OneLetterIsNoBoolean) {
+    expect_bool_refused("y");
+}
+TEST_F(ConfigParse, TwoIsNoBoolean) {
+    expect_bool_refused("2");
+}
+TEST_F(ConfigParse, NegativeIntegerIsRefused) {
+    expect_int_refused("-1");
+}
+TEST_F(ConfigParse, IntegerWithTrailingLetterIsRefused) {
+    expect_int_refused("3x");
+}
+TEST_F(ConfigParse, IntegerWithoutDigitsIsRefused) {
+    expect_int_refused("many");
+}
+TEST_F(ConfigParse, IntegerBeyond64BitsIsRefused) {
+    expect_int_refused("99999999999999999999999");
+}
+TEST_F(ConfigParse, HexadecimalIsRefused) {
+    expect_int_refused("0x10");
+}
+TEST_F(ConfigParse, NegativeLongIsRefused) {
+    expect_long_refused("-5");
+}
+TEST_F(ConfigParse, LongWithTrailingLetterIsRefused) {
+    expect_long_refused("5M");
+}
+TEST_F(ConfigParse, LongBeyond64BitsIsRefused) {
+    expect_long_refused("9223372036854775808");
+}
+
+TEST_F(ConfigParse, ConvertedIntegerIsStoredBeforeItIsJudged) {
+    expect_int_refused("-1");
+    EXPECT_EQ(zorvan_i_s3_max_retries, -1);
+}
+
+TEST_F(ConfigParse, LongTakesMoreThan32Bits) {
+    activate("part_size = 5368709120\n");
+    EXPECT_EQ(zorvan_i_s3_part_size, 5368709120);
+}
+
+TEST_F(ConfigParse, KeyGluedToTheEqualsSignIsInvalid) {
+    expect_refused("host_name=value\n", "Error parsing PATH:1: invalid line\n");
+}
+
+TEST_F(ConfigParse, KeyAloneIsInvalid) {
+    expect_refused("\nhost_name\n", "Error parsing PATH:2: invalid line\n");
+}
+
+TEST_F(ConfigParse, KeyWithEqualsSignButNoValueIsInvalid) {
+    expect_refused("host_name =\n", "Error parsing PATH:1: invalid line\n");
+}
+
+TEST_F(ConfigParse, ValueGluedToTheEqualsSignIsValid) {
+    activate("host_name =value\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "value");
+}
+
+TEST_F(ConfigParse, SecondTokenOfTheValueIsLeftOut) {
+    activate("host_name = one two\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "one");
+}
+
+TEST_F(ConfigParse, BlankAndCommentLinesAreSkippedButCounted) {
+    expect_refused("# a comment\n\n   \t # only blanks and a comment\n \v\f\r\nnonsense = 1\n",
+                   "Error parsing PATH:5: unknown option \"nonsense\"\n");
+}
+
+TEST_F(ConfigParse, CommentBehindTheValueIsCut) {
+    activate("  retry_delay = 50 # milliseconds\n");
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 50);
+}
+
+TEST_F(ConfigParse, CommentInsideTheValueCutsIt) {
+    activate("default_region = abc#def\n");
+    EXPECT_STREQ(zorvan_i_s3_default_region, "abc");
+}
+
+TEST_F(ConfigParse, UnknownKeyNamesKeyAndLine) {
+    expect_refused("max_retries = 1\nno_such_key = x\n",
+                   "Error parsing PATH:2: unknown option \"no_such_key\"\n");
+}
+
+TEST_F(ConfigParse, KeysAreCaseSensitive) {
+    expect_refused("Host_Name = x\n", "Error parsing PATH:1: unknown option \"Host_Name\"\n");
+}
+
+TEST_F(ConfigParse, ReadingStopsAtTheFirstError) {
+    expect_refused("nonsense = 1\nretry_delay = 77\n", "Error parsing PATH:1: unknown option \"nonsense\"\n");
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 100);
+}
+
+TEST_F(ConfigParse, LastOfTwoValuesStands) {
+    activate("host_name = first\nhost_name = second\nmax_retries = 1\nmax_retries = 5\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "second");
+    EXPECT_EQ(zorvan_i_s3_max_retries, 5);
+}
+
+TEST_F(ConfigParse, EqualStringIsLeftAlone) {
+    activate("host_name = same\nhost_name = same\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "same");
+}
+
+TEST_F(ConfigParse, LastLineNeedsNoNewline) {
+    activate("retry_delay = 33");
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 33);
+}
+
+TEST_F(ConfigParse, LineLongerThanTheBufferIsReadAsTwo) {
+    // 255 characters fit a read; what follows is a line of its own.
+    const std::string first = "host_name = h" + std::string(255 - 13, ' ');
+    expect_refused(first + "retry_delay = 42\nbroken\n", "Error parsing PATH:3: invalid line\n");
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "h");
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 42);
+}
+
+TEST_F(ConfigParse, LongestValueOfOneLineIsKeptWhole) {
+    const std::string value(255 - 13, 'v');
+    activate("host_name = " + value + "\n");
+    EXPECT_EQ(value, zorvan_i_s3_default_hostname);
+}
+
+TEST_F(ConfigParse, MissingFileNamesItAndTheErrno) {
+    host_set_config_string(path_of("absent.conf"));
+    const auto result = zorvan_module_activate(&zorvan_gridftp_server_ceph_module);
+    expect_system(view_result(result), "Error loading config file " + path_of("absent.conf") + ": ", ENOENT);
+    release_result(result);
+    EXPECT_EQ(host_config_string_queries(), 1);
+}
+
+TEST_F(ConfigParse, WithoutAHostStringTheDefaultPathIsUsed) {
+    setenv("ZORVAN_PREFIX", path_of("nowhere").c_str(), 1);
+    char* expected = nullptr;
+    ASSERT_EQ(zorvan_eval_path("${sysconfdir}/zorvan/zorvan-gridftp-server-ceph.conf", &expected),
+              ZORVAN_SUCCESS);
+    const auto result = zorvan_module_activate(&zorvan_gridftp_server_ceph_module);
+    unsetenv("ZORVAN_PREFIX");
+    const auto view = view_result(result);
+    expect_system(view, std::string("Error loading config file ") + expected + ": ", ENOENT);
+    EXPECT_EQ(view.text->find("System error in Error loading config file "), 0u);
+    std::free(expected);
+    release_result(result);
+}
+
+TEST_F(ConfigParse, EveryAllocationThatFailsRefusesOrIsHarmless) {
+    bool malloc_error_seen = false;
+    bool went_through = false;
+    for (long n = 1; n < 500 && !went_through; ++n) {
+        fail_allocation(n);
+        const auto result = try_activate("host_name = somewhere\n");
+        went_through = !allocation_failed();
+        fail_allocation(0);
+        if (result == ZORVAN_SUCCESS) {
+            EXPECT_EQ(zorvan_module_deactivate(&zorvan_gridftp_server_ceph_module), ZORVAN_SUCCESS);
+            continue;
+        }
+        malloc_error_seen = malloc_error_seen || view_result(result).text == "System error in malloc";
+        release_result(result);
+    }
+    EXPECT_TRUE(went_through);
+    EXPECT_TRUE(malloc_error_seen);
+}
+
+// ---------------------------------------------------------------------------------------- storage policy
+
+class Policy : public ModuleTest {
+  protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        activate();
+    }
+    void TearDown() override {
+        std::free(endpoint);
+        std::free(id);
+        std::free(secret);
+        if (buckets != nullptr)
+            for (char** bucket = buckets; *bucket != nullptr; ++bucket)
+                std::free(*bucket);
+        std::free(buckets);
+        ModuleTest::TearDown();
+    }
+    zorvan_result_t parse(const char* json) {
+        return zorvan_i_s3_config_parse_json(json, &endpoint, &buckets, &id, &secret);
+    }
+    ErrorView refused(const char* json) {
+        const auto result = parse(json);
+        EXPECT_NE(result, ZORVAN_SUCCESS);
+        EXPECT_EQ(endpoint, nullptr);
+        EXPECT_EQ(buckets, nullptr);
+        EXPECT_EQ(id, nullptr);
+        EXPECT_EQ(secret, nullptr);
+        const auto view = view_result(result);
+        EXPECT_TRUE(logged("ERROR", "result=" + result_text(result) + " message=" + view.friendly))
+            << log_text();
+        release_result(result);
+        EXPECT_EQ(view.type, 6);
+        EXPECT_EQ(view.source_file, "config_parse");
+        return view;
+    }
+    static bool begins(const ErrorView& error, const std::string& text) {
+        return error.text && error.text->starts_with(text) && error.text->size() > text.size() + 1 &&
+               error.text->back() == '\n';
+    }
+
+    char* endpoint = nullptr;
+    char* id = nullptr;
+    char* secret = nullptr;
+    char** buckets = nullptr;
+};
+
+TEST_F(Policy, AllMembersAreTaken) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"https://a.b:7","ceph_admin_key_id":"K","ceph_admin_secret_key":"S",
+                        "s3_buckets":["one","two"],"other":3})"),
+              ZORVAN_SUCCESS);
+    EXPECT_STREQ(endpoint, "https://a.b:7");
+    EXPECT_STREQ(id, "K");
+    EXPECT_STREQ(secret, "S");
+    ASSERT_NE(buckets, nullptr);
+    EXPECT_STREQ(buckets[0], "one");
+    EXPECT_STREQ(buckets[1], "two");
+    EXPECT_EQ(buckets[2], nullptr);
+}
+
+TEST_F(Policy, TrailingSlashesOfTheEndpointAreRemoved) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"http://a.b/","ceph_admin_key_id":"K","ceph_admin_secret_key":"S"})"),
+              ZORVAN_SUCCESS);
+    EXPECT_STREQ(endpoint, "http://a.b");
+}
+
+TEST_F(Policy, ManyTrailingSlashesOfTheEndpointAreRemoved) {
+    ASSERT_EQ(
+        parse(R"({"s3_endpoint":"http://a.b////","ceph_admin_key_id":"K","ceph_admin_secret_key":"S"})"),
+        ZORVAN_SUCCESS);
+    EXPECT_STREQ(endpoint, "http://a.b");
+}
+
+TEST_F(Policy, EndpointOfSlashesAloneBecomesEmpty) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"///","ceph_admin_key_id":"K","ceph_admin_secret_key":"S"})"),
+              ZORVAN_SUCCESS);
+    EXPECT_STREQ(endpoint, "");
+}
+
+TEST_F(Policy, NoBucketMemberAllowsAll) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K","ceph_admin_secret_key":"S"})"),
+              ZORVAN_SUCCESS);
+    EXPECT_EQ(buckets, nullptr);
+}
+
+TEST_F(Policy, EmptyBucketArrayAllowsAll) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K","ceph_admin_secret_key":"S",
+                        "s3_buckets":[]})"),
+              ZORVAN_SUCCESS);
+    EXPECT_EQ(buckets, nullptr);
+}
+
+TEST_F(Policy, BucketMemberThatIsNoArrayAllowsAll) {
+    ASSERT_EQ(parse(R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K","ceph_admin_secret_key":"S",
+                        "s3_buckets":"data"})"),
+              ZORVAN_SUCCESS);
+    EXPECT_EQ(buckets, nullptr);
+}
+
+TEST_F(Policy, BucketArrayWithANumberIsRefused) {
+    const auto error = refused(
+        R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K","ceph_admin_secret_key":"S","s3_buckets":["a",7]})");
+    EXPECT_EQ(error.text, "Error unpacking allowed bucket list.");
+}
+
+TEST_F(Policy, BucketArrayWithNullIsRefused) {
+    const auto error = refused(
+        R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K","ceph_admin_secret_key":"S","s3_buckets":[null]})");
+    EXPECT_EQ(error.text, "Error unpacking allowed bucket list.");
+}
+
+TEST_F(Policy, TextThatIsNoJsonIsRefused) {
+    EXPECT_TRUE(begins(refused("{\"s3_endpoint\":"), "Error loading collection storage policy: "));
+}
+
+TEST_F(Policy, EmptyTextIsRefused) {
+    EXPECT_TRUE(begins(refused(""), "Error loading collection storage policy: "));
+}
+
+TEST_F(Policy, ArrayIsRefused) {
+    EXPECT_TRUE(begins(refused("[]"), "Error unpacking collection storage policy: "));
+}
+
+TEST_F(Policy, MissingSecretIsRefused) {
+    EXPECT_TRUE(begins(refused(R"({"s3_endpoint":"http://a","ceph_admin_key_id":"K"})"),
+                       "Error unpacking collection storage policy: "));
+}
+
+TEST_F(Policy, MissingKeyIdIsRefused) {
+    EXPECT_TRUE(begins(refused(R"({"s3_endpoint":"http://a","ceph_admin_secret_key":"K"})"),
+                       "Error unpacking collection storage policy: "));
+}
+
+TEST_F(Policy, MissingEndpointIsRefused) {
+    EXPECT_TRUE(begins(refused(R"({"ceph_admin_key_id":"http://a","ceph_admin_secret_key":"K"})"),
+                       "Error unpacking collection storage policy: "));
+}
+
+TEST_F(Policy, NumberInPlaceOfAStringIsRefused) {
+    EXPECT_TRUE(begins(refused(R"({"s3_endpoint":4,"ceph_admin_key_id":"K","ceph_admin_secret_key":"S"})"),
+                       "Error unpacking collection storage policy: "));
+}
+
+TEST_F(Policy, EveryAllocationThatFailsIsAnErrorWithoutOutputs) {
+    const char* json = R"({"s3_endpoint":"http://a/","ceph_admin_key_id":"K","ceph_admin_secret_key":"S",
+                           "s3_buckets":["one","two"]})";
+    int failures = 0;
+    for (long n = 1; n < 200; ++n) {
+        zorvan_result_t result = 0;
+        {
+            const InModule inside;
+            fail_allocation(n);
+            result = parse(json);
+            fail_allocation(0);
+        }
+        if (result == ZORVAN_SUCCESS) break;
+        ++failures;
+        release_result(result);
+        EXPECT_EQ(endpoint, nullptr);
+        EXPECT_EQ(buckets, nullptr);
+        EXPECT_EQ(id, nullptr);
+        EXPECT_EQ(secret, nullptr);
+    }
+    EXPECT_GE(failures, 5);
+    ASSERT_NE(buckets, nullptr);
+    EXPECT_STREQ(buckets[1], "two");
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+// An S3 client library that does what a test says, with the interface of s3/include/libs3.h.
+//
+// Behind it stands a small in-memory store; a test may replace the outcome of any call by a Reply: for the
+// nth call of a kind, for the next calls in order, or by a function that looks at the call. Every call is
+// recorded with all its arguments. Callbacks run on the calling thread in the library's order: body data,
+// properties, data or listing, completion.
+#pragma once
+
+#include <libs3.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace module_test {
+
+enum class S3Kind {
+    initialize,
+    deinitialize,
+    list_service,
+    create_bucket,
+    delete_bucket,
+    list_bucket,
+    put_object,
+    copy_object,
+    get_object,
+    head_object,
+    delete_object,
+    initiate_multipart,
+    upload_part,
+    complete_multipart,
+    abort_multipart,
+    list_parts,
+    list_uploads,
+    restore_object,
+    user_info,
+};
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+using Text = std::optional<std::string>;
+
+/// A bucket context as the module filled it.
+struct Context {
+    Text host, bucket;
+    S3Protocol protocol{};
+    S3UriStyle uri_style{};
+    Text access_key, secret_key, token, region;
+    char option = 0;
+};
+
+/// Put properties as the module filled them.
+struct PutRecord {
+    Text content_type, md5, cache_control, disposition, encoding;
+    int64_t expires = 0;
+    S3CannedAcl acl{};
+    Pairs metadata;
+    char encryption = 0;
+    long option = 0;
+};
+
+/// One call with its arguments. What a kind does not have keeps its initial value.
+struct S3Call {
+    S3Kind kind{};
+    Context context;
+    Text key;
+    Text prefix, marker, delimiter, encoding;
+    int max = -1;
+    uint64_t start = 0, count = 0;
+    bool conditions = false;
+    Text if_match;
+    uint64_t length = 0;
+    std::optional<PutRecord> put;
+    Text destination_bucket, destination_key;
+    Text upload_id, part_marker, upload_marker;
+    int part = 0;
+    int days = 0;
+    Text tier, user, location, user_agent;
+    int acl = 0;
+    int flags = 0;
+    bool request_context = false;
+    int timeout = 0;
+    std::thread::id thread;
+    std::string body;        ///< what was taken from a put-data callback
+    std::vector<int> pulls;  ///< what each put-data call returned
+    S3Status status{};       ///< how it ended
+    bool properties_called = false;
+};
+
+/// What a reply's headers tell.
+struct Properties {
+    Text etag;
+    uint64_t length = 0;
+    int64_t last_modified = -1;
+    Pairs metadata;
+    char encryption = 0;
+    Text content_type, region, storage_class;
+    int restore_status = 0;
+    int64_t restore_expiry = 0;
+};
+
+/// Error details of a reply; absent texts are null.
+struct Details {
+    Text message, resource, further;
+    Pairs extra;
+};
+
+struct ListedObject {
+    std::string key;
+    int64_t last_modified = -1;
+    uint64_t size = 0;
+    std::string etag = "\"x\"";
+};
+
+/// One page of a bucket listing.
+struct Page {
+    bool truncated = false;
+    Text next_marker;
+    std::vector<ListedObject> objects;
+    std::vector<std::string> prefixes;
+};
+
+struct ListedBucket {
+    std::string name;
+    int64_t created = -1;
+};
+
+struct UserKey {
+    std::string user, access_key, secret_key;
+};
+
+/// How a call shall end.
+struct Reply {
+    S3Status status = S3StatusOK;
+    std::optional<Properties> properties;      ///< delivered when set
+    bool null_properties = false;              ///< the properties callback gets a null record
+    std::string data;                          ///< a download's body
+    size_t piece = 0;                          ///< bytes per data callback; 0 = all at once
+    std::optional<Page> page;                  ///< a listing's page
+    std::vector<ListedBucket> buckets;         ///< a service listing
+    std::optional<std::vector<UserKey>> keys;  ///< a user's keys
+    std::optional<size_t> take;  ///< bytes taken from the put-data callback; none: all on success
+    std::optional<Details> details;
+    std::function<void()> before;  ///< runs inside the call, first
+    std::function<void()> after;   ///< runs inside the call, after the completion
+};
+
+/// An object of the store.
+struct Object {
+    std::string data;
+    Properties properties;
+    PutRecord put;
+};
+
+struct Bucket {
+    int64_t created = -1;
+    Text region;
+    std::map<std::string, Object> objects;
+};
+
+/// Answers a call, or declines (no value) and leaves it to the next rule.
+using Responder = std::function<std::optional<Reply>(const S3Call&)>;
+
+/// Back to an empty store without rules.
+void s3_reset();
+/// The next call of that kind that no nth-rule catches ends like this; several are used in order.
+void s3_script(S3Kind kind, Reply reply);
+/// The nth call (from 1) of that kind ends like this.
+void s3_on_call(S3Kind kind, int nth, Reply reply);
+/// The nth call of that kind fails with a status.
+void s3_fail(S3Kind kind, int nth, S3Status status);
+/// Every call of that kind is shown to this function first.
+void s3_respond(S3Kind kind, Responder responder);
+/// How many bytes one put-data callback asks for (65536).
+void s3_pull_size(int bytes);
+/// How many bytes one get-data callback carries when the store answers (16384).
+void s3_push_size(size_t bytes);
+/// How many entries a page of the store's listing holds (1000).
+void s3_page_size(size_t entries);
+
+/// The store. Fill it before the module runs.
+Bucket& s3_bucket(const std::string& name);
+/// Put an object with an MD5-like ETag; @return its properties to be changed.
+Object& s3_object(const std::string& bucket, const std::string& key, const std::string& data);
+/// The object of that name, or null.
+const Object* s3_find(const std::string& bucket, const std::string& key);
+/// Keys of a user of the gateway.
+void s3_user(const std::string& name, std::vector<UserKey> keys);
+
+/// The calls made so far.
+std::vector<S3Call> s3_calls();
+/// Those of one kind.
+std::vector<S3Call> s3_calls(S3Kind kind);
+/// Make error details live as long as the returned function needs them.
+void with_details(const std::optional<Details>& details,
+                  const std::function<void(const S3ErrorDetails*)>& use);
+
+}  // namespace module_test
