@@ -105,7 +105,7 @@ class DevStore(Store):
 
     def requests(self):
         """The requests seen since the last forget_requests(), as dictionaries."""
-        return json.loads(self._control("GET", "/log"))
+        return json.loads(self._control("GET", "/log"))["requests"]
 
     def forget_requests(self):
         self._control("DELETE", "/log")
