@@ -358,7 +358,7 @@ typedef struct S3ListMultipartUpload {
     int64_t initiated;
 } S3ListMultipartUpload;
 
-/** One stored part; eTag is quoted, 1 to 34 characters; partNumber lies in 1..10000. */
+/** One stored part; eTag as received, 1 to 34 characters; partNumber lies in 1..10000. */
 typedef struct S3ListPart {
     const char* eTag;
     int64_t lastModified;
@@ -693,8 +693,8 @@ void S3_list_parts(const S3BucketContext* bucketContext, const char* key, const 
 
 /**
  * Lists one page of the uploads in progress (S3: ListMultipartUploads). Texts may be null; maxuploads <= 0
- * leaves the page size to the store. The next page is asked for with both markers. encodingtype is chosen by
- * the library when null.
+ * leaves the page size to the store. The next page is asked for with both markers. Keys are given decoded
+ * when the reply says that they are encoded.
  */
 void S3_list_multipart_uploads(const S3BucketContext* bucketContext, const char* prefix,
                                const char* keymarker, const char* uploadidmarker, const char* encodingtype,

@@ -145,9 +145,18 @@ S3Status tell_uploads(const UploadPage& page, const S3ListMultipartUploadsHandle
         static_cast<int>(prefixes.size()), prefixes.data(), callback_data);
 }
 
-void list_uploads(RequestPlan& plan, const S3ListMultipartUploadsHandler& handler, void* callback_data,
-                  CallResult& call) {
+// Some gateways encode the keys of this listing when asked to but do not say so, which nobody could undo. So
+// names are asked for as they are, and encoded only where they spoil the document.
+ExchangeResult ask_for_uploads(RequestPlan& plan, bool encoding_chosen) {
     ExchangeResult result = perform(plan);
+    if (result.status != S3StatusOK || encoding_chosen || XmlReply(result.body).ok()) return result;
+    plan.query.emplace_back("encoding-type", "url");
+    return perform(plan);
+}
+
+void list_uploads(RequestPlan& plan, bool encoding_chosen, const S3ListMultipartUploadsHandler& handler,
+                  void* callback_data, CallResult& call) {
+    ExchangeResult result = ask_for_uploads(plan, encoding_chosen);
     if (result.status != S3StatusOK) return set_result(call, std::move(result));
     const XmlReply document(result.body);
     if (!document.has_root("ListMultipartUploadsResult"))
@@ -191,12 +200,12 @@ extern "C" void S3_list_multipart_uploads(const S3BucketContext* bucketContext, 
         plan.address = s3::object_address(plan.store, "");
         s3::add_query(plan, "delimiter", delimiter);
         const bool chosen = encodingtype != nullptr && *encodingtype != '\0';
-        s3::add_query(plan, "encoding-type", chosen ? encodingtype : "url");
+        s3::add_query(plan, "encoding-type", encodingtype);
         s3::add_query(plan, "key-marker", keymarker);
         if (maxuploads > 0) plan.query.emplace_back("max-uploads", std::to_string(maxuploads));
         s3::add_query(plan, "prefix", prefix);
         s3::add_query(plan, "upload-id-marker", uploadidmarker);
         plan.query.emplace_back("uploads", "");
-        s3::list_uploads(plan, *handler, callbackData, call);
+        s3::list_uploads(plan, chosen, *handler, callbackData, call);
     });
 }

@@ -1,0 +1,212 @@
+// A server that plays a script, see the header.
+#include "script_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+namespace s3test {
+namespace {
+
+bool send_all(int socket, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t sent = send(socket, data.data(), data.size(), MSG_NOSIGNAL);
+        if (sent <= 0) return false;
+        data.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+bool receive_more(int socket, std::string& input) {
+    char buffer[65536];
+    const ssize_t got = recv(socket, buffer, sizeof(buffer), 0);
+    if (got <= 0) return false;
+    input.append(buffer, static_cast<size_t>(got));
+    return true;
+}
+
+SeenRequest parse(const std::string& head, int connection) {
+    SeenRequest request;
+    request.connection = connection;
+    size_t at = head.find("\r\n");
+    const std::string first = head.substr(0, at);
+    const size_t blank = first.find(' ');
+    request.method = first.substr(0, blank);
+    request.target = first.substr(blank + 1, first.rfind(' ') - blank - 1);
+    while (at != std::string::npos && at + 2 < head.size()) {
+        const size_t end = head.find("\r\n", at + 2);
+        const std::string line = head.substr(at + 2, end - at - 2);
+        const size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            std::string name = line.substr(0, colon);
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char c) { return std::tolower(c); });
+            const size_t value = line.find_first_not_of(' ', colon + 1);
+            request.headers[name] = value == std::string::npos ? "" : line.substr(value);
+        }
+        at = end;
+    }
+    return request;
+}
+
+void wait_for_client_to_leave(int socket) {
+    std::string ignored;
+    while (receive_more(socket, ignored))
+        ignored.clear();
+}
+
+}  // namespace
+
+ScriptServer::ScriptServer() {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        listen(listener_, 64) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        throw std::runtime_error("no socket for the scripted server");
+    port_ = ntohs(address.sin_port);
+    acceptor_ = std::thread([this] { accept_loop(); });
+}
+
+ScriptServer::~ScriptServer() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+        for (const int socket : sockets_)
+            shutdown(socket, SHUT_RDWR);
+    }
+    shutdown(listener_, SHUT_RDWR);
+    acceptor_.join();
+    for (std::thread& worker : workers_)
+        worker.join();
+    for (const int socket : sockets_)
+        close(socket);
+    close(listener_);
+}
+
+ScriptServer& ScriptServer::then(Step step) {
+    const std::lock_guard lock(mutex_);
+    script_.push_back(std::move(step));
+    return *this;
+}
+
+std::vector<SeenRequest> ScriptServer::requests() {
+    const std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+int ScriptServer::connections() {
+    const std::lock_guard lock(mutex_);
+    return connections_;
+}
+
+size_t ScriptServer::steps_left() {
+    const std::lock_guard lock(mutex_);
+    return script_.size();
+}
+
+void ScriptServer::drop_connections() {
+    const std::lock_guard lock(mutex_);
+    for (const int socket : sockets_)
+        shutdown(socket, SHUT_RDWR);
+}
+
+void ScriptServer::accept_loop() {
+    for (;;) {
+        const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (socket < 0) return;
+        const int one = 1;
+        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        const std::lock_guard lock(mutex_);
+        sockets_.push_back(socket);
+        if (stopping_) return;
+        const int number = ++connections_;
+        workers_.emplace_back([this, socket, number] { serve(socket, number); });
+    }
+}
+
+void ScriptServer::serve(int socket, int number) {
+    std::string input;
+    while (serve_one(socket, number, input)) {
+    }
+    // Descriptors stay open until the end, so that no number is used twice; the peer sees the end all the
+    // same.
+    shutdown(socket, SHUT_RDWR);
+}
+
+bool ScriptServer::serve_one(int socket, int number, std::string& input) {
+    size_t end = 0;
+    while ((end = input.find("\r\n\r\n")) == std::string::npos) {
+        if (!receive_more(socket, input)) return false;
+    }
+    SeenRequest request = parse(input.substr(0, end + 2), number);
+    input.erase(0, end + 4);
+    Step step;
+    size_t index = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        index = requests_.size();
+        requests_.push_back(request);
+        if (script_.empty()) return false;
+        step = std::move(script_.front());
+        script_.pop_front();
+    }
+    if (step.look) step.look(request);
+    if (step.hang) {
+        wait_for_client_to_leave(socket);
+        return false;
+    }
+    if (step.before_body) {
+        send_all(socket, step.reply);
+        if (step.close) return false;
+        wait_for_client_to_leave(socket);
+        return false;
+    }
+    const std::string announced = request.header("content-length");
+    const size_t length = announced.empty() ? 0 : std::stoul(announced);
+    if (request.header("expect") == "100-continue" && step.on_expect == Step::Continue::kSend)
+        send_all(socket, "HTTP/1.1 100 Continue\r\n\r\n");
+    const size_t wanted =
+        step.close_after_body_bytes >= 0 ? static_cast<size_t>(step.close_after_body_bytes) : length;
+    bool whole = true;
+    while (input.size() < wanted && (whole = receive_more(socket, input))) {
+    }
+    request.body = input.substr(0, std::min(length, input.size()));
+    input.erase(0, request.body.size());
+    {
+        const std::lock_guard lock(mutex_);
+        requests_[index].body = request.body;
+    }
+    if (!whole || step.close_after_body_bytes >= 0) return false;
+    if (!send_all(socket, step.answer ? step.answer(request) : step.reply)) return false;
+    if (step.hang_after) wait_for_client_to_leave(socket);
+    return !step.close && !step.hang_after;
+}
+
+std::string reply(int status, const HeaderPairs& headers, const std::string& body) {
+    std::string out = "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n";
+    bool has_length = status == 204 || status == 304;
+    for (const auto& [name, value] : headers) {
+        out += name + ": " + value + "\r\n";
+        has_length = has_length || name == "Content-Length" || name == "Transfer-Encoding";
+    }
+    if (!has_length) out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    return out + "\r\n" + body;
+}
+
+std::string error_reply(int status, const std::string& code, const std::string& message) {
+    return reply(status, {{"Content-Type", "application/xml"}},
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Error><Code>" + code + "</Code><Message>" +
+                     message + "</Message><RequestId>tx1</RequestId></Error>");
+}
+
+}  // namespace s3test

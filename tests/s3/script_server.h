@@ -1,0 +1,102 @@
+// A server that plays a script: each request gets the next step, byte for byte, over plain sockets, and is
+// written down. It binds a free port of 127.0.0.1; one thread accepts, one thread serves each connection; the
+// destructor closes everything and joins.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace s3test {
+
+struct SeenRequest {
+    int connection = 0;
+    std::string method;
+    std::string target;
+    std::map<std::string, std::string> headers;  // names in lower case
+    std::string body;
+
+    std::string header(const std::string& name) const {
+        const auto found = headers.find(name);
+        return found == headers.end() ? "" : found->second;
+    }
+};
+
+struct Step {
+    enum class Continue { kSend, kWithhold };
+
+    std::string reply;
+    /// Close the connection after the reply; nothing else ends a connection but the client.
+    bool close = false;
+    /// Reply as soon as the headers were read, whatever body was announced, and read nothing more.
+    bool before_body = false;
+    /// Send no reply and keep the connection open until the client leaves.
+    bool hang = false;
+    /// After the reply hang as above instead of serving the next request.
+    bool hang_after = false;
+    /// Close without any reply once so many body bytes were read.
+    long close_after_body_bytes = -1;
+    /// What to do about "Expect: 100-continue".
+    Continue on_expect = Continue::kSend;
+    /// Called when the headers were read, before anything is answered.
+    std::function<void(const SeenRequest&)> look;
+    /// Makes the reply from the whole request; replaces reply.
+    std::function<std::string(const SeenRequest&)> answer;
+};
+
+class ScriptServer {
+  public:
+    ScriptServer();
+    ~ScriptServer();
+    ScriptServer(const ScriptServer&) = delete;
+    ScriptServer& operator=(const ScriptServer&) = delete;
+
+    int port() const { return port_; }
+    /// "127.0.0.1:port".
+    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+
+    ScriptServer& then(Step step);
+    ScriptServer& then(std::string reply) {
+        Step step;
+        step.reply = std::move(reply);
+        return then(std::move(step));
+    }
+
+    /// What was asked so far, in order; a request that found the script at its end is there too.
+    std::vector<SeenRequest> requests();
+    int connections();
+    /// Steps that nobody has used.
+    size_t steps_left();
+    /// Closes all present connections from this side.
+    void drop_connections();
+
+  private:
+    void accept_loop();
+    void serve(int socket, int number);
+    bool serve_one(int socket, int number, std::string& input);
+
+    int listener_ = -1;
+    int port_ = 0;
+    std::mutex mutex_;
+    std::deque<Step> script_;
+    std::vector<SeenRequest> requests_;
+    std::vector<int> sockets_;
+    std::vector<std::thread> workers_;
+    int connections_ = 0;
+    bool stopping_ = false;
+    std::thread acceptor_;
+};
+
+using HeaderPairs = std::vector<std::pair<std::string, std::string>>;
+
+/// A reply with Content-Length (unless given) and the given headers.
+std::string reply(int status, const HeaderPairs& headers = {}, const std::string& body = "");
+/// An XML error document.
+std::string error_reply(int status, const std::string& code, const std::string& message = "");
+
+}  // namespace s3test
