@@ -2,6 +2,8 @@
 // themselves are carried out by the session.
 #include "faults.h"
 
+#include <algorithm>
+#include <initializer_list>
 #include <stdexcept>
 
 #include "json.h"
@@ -22,37 +24,41 @@ bool flag(const json_t* object, const char* name) {
     return json_is_true(json_object_get(object, name));
 }
 
-fault_action read_action(json_t* object) {
-    static constexpr const char* known[] = {"delay_ms",
-                                            "status",
-                                            "body",
-                                            "headers",
-                                            "redirect",
-                                            "perform",
-                                            "read_body",
-                                            "withhold_continue",
-                                            "cut_request_after",
-                                            "stall_request_after",
-                                            "cut_before_reply",
-                                            "stall_before_reply",
-                                            "cut_reply_after",
-                                            "stall_reply_after",
-                                            "reset",
-                                            "short_body",
-                                            "overlong",
-                                            "etag",
-                                            "truncate_xml",
-                                            "ignore_range"};
-    if (!json_is_object(object)) throw std::invalid_argument("no object \"action\"");
+// A misspelt word would make a test pass for nothing.
+void check_members(json_t* object, const char* what, std::initializer_list<std::string_view> known) {
+    if (!json_is_object(object)) throw std::invalid_argument(std::string("no object \"") + what + '"');
     const char* name = nullptr;
     json_t* value = nullptr;
     json_object_foreach(object, name, value) {
-        bool found = false;
-        for (const char* word : known)
-            found = found || std::string_view(word) == name;
-        // A misspelt fault would make a test pass for nothing.
-        if (!found) throw std::invalid_argument(std::string("unknown action \"") + name + "\"");
+        if (std::find(known.begin(), known.end(), std::string_view(name)) == known.end())
+            throw std::invalid_argument("unknown member \"" + std::string(name) + "\" of \"" + what + '"');
     }
+}
+
+fault_action read_action(json_t* object) {
+    check_members(object, "action",
+                  {"delay_ms",
+                   "status",
+                   "body",
+                   "headers",
+                   "redirect",
+                   "perform",
+                   "read_body",
+                   "withhold_continue",
+                   "cut_request_after",
+                   "stall_request_after",
+                   "cut_before_reply",
+                   "stall_before_reply",
+                   "cut_reply_after",
+                   "stall_reply_after",
+                   "reset",
+                   "short_body",
+                   "overlong",
+                   "etag",
+                   "truncate_xml",
+                   "ignore_range"});
+    const char* name = nullptr;
+    json_t* value = nullptr;
     fault_action out;
     out.delay_ms = optional_count(object, "delay_ms").value_or(0);
     if (const auto status = optional_count(object, "status")) {
@@ -122,8 +128,8 @@ void change_etags(const fault_action& action, http_response& response) {
 
 void fault_plan::add(std::string_view json) {
     const auto root = parse_json(json);
-    const json_t* match = json_object_get(root.get(), "match");
-    if (!json_is_object(match)) throw std::invalid_argument("no object \"match\"");
+    json_t* const match = json_object_get(root.get(), "match");
+    check_members(match, "match", {"method", "path", "query", "skip", "count"});
     rule entry;
     entry.method = json_text(match, "method");
     entry.path = read_regex(match, "path");

@@ -79,6 +79,7 @@ class session {
     asio::awaitable<void> linger();
     void cut();
     void note(std::string_view outcome);
+    void note_end(std::uint64_t still_to_send);
     [[nodiscard]] bool body_pending() const;
 
     beast::tcp_stream stream_;
@@ -103,6 +104,14 @@ asio::awaitable<std::size_t> socket_body::read_some(std::span<char> room) {
 void session::note(std::string_view outcome) {
     entry_.outcome = outcome;
     data_.log.update(entry_);
+}
+
+// Called before the last write of a reply: whoever has read the reply finds the exchange ended in the log.
+void session::note_end(std::uint64_t still_to_send) {
+    auto state = entry_;
+    state.bytes_out += still_to_send;
+    state.outcome = "done";
+    data_.log.update(state);
 }
 
 bool session::body_pending() const {
@@ -229,7 +238,12 @@ asio::awaitable<std::size_t> session::read_body(std::span<char> room) {
             }
         }
     }
-    const auto n = request_.chunked ? co_await read_chunked(room) : co_await read_plain(room);
+    std::size_t n = 0;
+    if (request_.chunked) {
+        n = co_await read_chunked(room);
+    } else {
+        n = co_await read_plain(room);
+    }
     entry_.bytes_in += n;
     co_return n;
 }
@@ -238,7 +252,12 @@ asio::awaitable<bool> session::drain_body() {
     std::array<char, 16 * 1024> dropped{};
     std::uint64_t total = 0;
     while (body_pending() && total < drain_limit) {
-        const auto n = request_.chunked ? co_await read_chunked(dropped) : co_await read_plain(dropped);
+        std::size_t n = 0;
+        if (request_.chunked) {
+            n = co_await read_chunked(dropped);
+        } else {
+            n = co_await read_plain(dropped);
+        }
         if (n == 0) break;
         total += n;
     }
@@ -248,7 +267,10 @@ asio::awaitable<bool> session::drain_body() {
 asio::awaitable<void> session::write_head(std::string head) {
     stream_.expires_after(data_.config.idle_timeout);
     const auto [error, size] = co_await asio::async_write(stream_, asio::buffer(head), use_tuple);
-    if (error) throw connection_lost();
+    if (error) {
+        note("lost");
+        throw connection_lost();
+    }
 }
 
 // Writes body bytes; a cut or a stall strikes at its byte.
@@ -286,6 +308,7 @@ asio::awaitable<void> session::send_content(const http_response& response, std::
     while (sent < length) {
         auto piece = response.body.read(response.body_offset + sent, scratch_);
         piece = piece.substr(0, length - sent);
+        if (sent + piece.size() == length && !fault_) note_end(piece.size());
         if (!head.empty() && !fault_) {
             // Head and first bytes leave in one segment: a small object costs one write.
             const std::array<asio::const_buffer, 2> both = {asio::buffer(head), asio::buffer(piece)};
@@ -324,19 +347,26 @@ asio::awaitable<void> session::send(const http_response& response, bool close) {
     head += "Date: " + http_date(data_.clock.request_time() * 1000) + "\r\n";
     head += close ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n";
     entry_.status = response.status;
-    if (bodiless) {
+    const std::uint64_t extra = fault_ && !bodiless ? fault_->overlong : 0;
+    // A fault may still cut or hold what follows, and says so itself.
+    const bool steady = !fault_ || !(fault_->cut_reply_after || fault_->stall_reply_after);
+    if (bodiless || length == 0) {
+        if (steady) note_end(0);
         co_await write_head(std::move(head));
     } else if (response.body_length) {
+        if (fault_ && steady) note_end(length + extra);
         co_await send_content(response, std::move(head), length);
     } else if (fault_) {
+        if (steady) note_end(length + extra);
         co_await write_head(std::move(head));
         co_await write_counted(std::string_view(response.text).substr(0, length));
     } else {
-        entry_.bytes_out = length;
+        note_end(length);
         co_await write_head(head + response.text);
+        entry_.bytes_out = length;
     }
-    if (fault_ && fault_->overlong > 0 && !bodiless)
-        co_await write_counted(std::string(static_cast<std::size_t>(fault_->overlong), 'x'));
+    if (fault_ && fault_->cut_reply_after && !bodiless && length == 0) cut();
+    if (extra > 0) co_await write_counted(std::string(static_cast<std::size_t>(extra), 'x'));
 }
 
 asio::awaitable<http_response> session::perform() {
@@ -393,7 +423,9 @@ asio::awaitable<bool> session::exchange_once() {
         co_await linger();
         co_return false;
     }
-    co_return !unread || co_await drain_body();
+    if (!unread) co_return true;
+    const bool drained = co_await drain_body();
+    co_return drained;
 }
 
 asio::awaitable<void> session::run() {
@@ -405,7 +437,12 @@ asio::awaitable<void> session::run() {
         socket.set_option(asio::socket_base::send_buffer_size(size), ignored);
     }
     try {
-        while (co_await read_head() && co_await exchange_once()) {
+        // One co_await per condition: g++ 12 does not short-circuit several.
+        for (;;) {
+            const bool more = co_await read_head();
+            if (!more) break;
+            const bool kept = co_await exchange_once();
+            if (!kept) break;
         }
     } catch (const connection_lost&) {
         // Noted where it happened.

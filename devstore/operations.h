@@ -67,6 +67,9 @@ void check_conditions(const http_request& request, const object_record& object, 
 void check_write_conditions(const http_request& request, const object_record* current);
 /// Throws InvalidObjectState when an object lies in an archive and no restored copy is there.
 void check_readable(const store& data, const object_record& object);
+/// The x-amz-archive-status header's value: empty unless the object lies in an archive tier of
+/// INTELLIGENT_TIERING.
+std::string_view archive_tier(const store& data, const object_record& object);
 /// The x-amz-restore header's value, empty when there is none.
 std::string restore_header(const store& data, const object_record& object);
 /// Quotes an ETag.

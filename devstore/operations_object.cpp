@@ -82,7 +82,7 @@ void add_object_headers(http_response& out, const exchange& x, const object_reco
     for (const auto& [name, value] : attributes.metadata)
         out.headers.emplace_back("x-amz-meta-" + name, value);
     if (!attributes.storage_class.empty()) out.set("X-Amz-Storage-Class", attributes.storage_class);
-    if (!object.archive_status.empty()) out.set("x-amz-archive-status", object.archive_status);
+    if (const auto tier = archive_tier(x.data, object); !tier.empty()) out.set("x-amz-archive-status", tier);
     if (const auto restore = restore_header(x.data, object); !restore.empty())
         out.set("x-amz-restore", restore);
     for (const auto& [name, value] : x.request.query)

@@ -12,9 +12,15 @@ namespace {
 
 constexpr std::int64_t day_milliseconds = 24LL * 3600 * 1000;
 
-bool archived(const object_record& object) {
+// Intelligent tiering moves an object back for good; from an archive class only a copy comes for a time.
+bool moved_back(const store& data, const object_record& object) {
+    return !object.archive_status.empty() && object.restore && data.clock.now() >= object.restore->ready_at;
+}
+
+bool archived(const store& data, const object_record& object) {
     const auto& name = object.attributes.storage_class;
-    return name == "GLACIER" || name == "DEEP_ARCHIVE" || !object.archive_status.empty();
+    if (!object.archive_status.empty()) return !moved_back(data, object);
+    return name == "GLACIER" || name == "DEEP_ARCHIVE";
 }
 
 // A restored copy or a running restore counts until it expires.
@@ -26,13 +32,17 @@ bool restore_known(const store& data, const object_record& object) {
 
 void check_readable(const store& data, const object_record& object) {
     // Without restores an archive class is a name only, as on the gateway.
-    if (!data.config.restore_seconds || !archived(object)) return;
+    if (!data.config.restore_seconds || !archived(data, object)) return;
     if (restore_known(data, object) && data.clock.now() >= object.restore->ready_at) return;
     throw s3_failure("InvalidObjectState", {{"StorageClass", object.attributes.storage_class}});
 }
 
+std::string_view archive_tier(const store& data, const object_record& object) {
+    return moved_back(data, object) ? std::string_view() : object.archive_status;
+}
+
 std::string restore_header(const store& data, const object_record& object) {
-    if (!data.config.restore_seconds || !restore_known(data, object)) return {};
+    if (!data.config.restore_seconds || !restore_known(data, object) || moved_back(data, object)) return {};
     if (data.clock.now() < object.restore->ready_at) return R"(ongoing-request="true")";
     return R"(ongoing-request="false", expiry-date=")" + http_date(object.restore->expires_at) + '"';
 }
@@ -47,7 +57,7 @@ reply restore_object(exchange& x) {
     x.data.index.write(x.bucket, x.uid(), [&](bucket& b) {
         const auto object = b.find(x.key);
         if (!object) throw s3_failure("NoSuchKey");
-        if (!archived(*object))
+        if (!archived(x.data, *object))
             throw s3_failure("InvalidObjectState",
                              {{"StorageClass", std::string(shown_class(object->attributes))}});
         // Days are for copies out of an archive class; intelligent tiering moves the object itself.

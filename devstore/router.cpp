@@ -149,8 +149,10 @@ http_response error_reply(const s3_failure& failure, const store& data, const st
     } else {
         xml_writer xml;
         xml.open("Error").text("Code", entry.code).text("Message", message);
-        for (const auto& [name, value] : failure.details())
-            xml.text(name, value);
+        // The gateway names no details.
+        if (data.config.aws)
+            for (const auto& [name, value] : failure.details())
+                xml.text(name, value);
         if (!bucket.empty()) xml.text("BucketName", bucket);
         xml.text("RequestId", request_id).text("HostId", host_id).close();
         out = xml_response(xml.finish());
