@@ -79,8 +79,10 @@ users_file users_file::parse(std::string_view text, const std::string& name) {
         }
         const std::string user(line.substr(0, colon));
         const std::string hash(line.substr(colon + 1));
-        // crypt_checksalt judges the method and the salt without computing anything.
-        const int verdict = hash.empty() ? CRYPT_SALT_INVALID : ::crypt_checksalt(hash.c_str());
+        // crypt_checksalt judges the method and the salt without computing anything. It takes any two letters
+        // for a traditional DES salt, and so a password in plain text for a hash; only methods with a "$" are
+        // let in.
+        const int verdict = hash.starts_with('$') ? ::crypt_checksalt(hash.c_str()) : CRYPT_SALT_INVALID;
         if (verdict != CRYPT_SALT_OK && verdict != CRYPT_SALT_METHOD_LEGACY) {
             throw users_file_error(fmt::format("{}:{}: the hash of user \"{}\" is none that crypt knows",
                                                name, number, printable(user)));
