@@ -96,6 +96,21 @@ void responseCompleteCallback(S3Status status, const S3ErrorDetails* error_detai
     trace.exit_status(status);
 }
 
+S3BucketContext zorvan_i_s3_session_context(const zorvan_i_s3_handle_t& s3_handle, const char* bucket,
+                                            const zorvan_i_s3_credentials_t& pair) noexcept {
+    return {
+        .hostName = s3_handle.host_name,
+        .bucketName = bucket,
+        .protocol = s3_handle.protocol,
+        .uriStyle = s3_handle.uri_style,
+        .accessKeyId = pair.access_key_id,
+        .secretAccessKey = pair.secret_access_key,
+        .securityToken = s3_handle.security_token,
+        .authRegion = s3_handle.region,
+        .contextOption = s3_handle.context_option,
+    };
+}
+
 zorvan_result_t zorvan_i_s3_bucket_context(zorvan_i_s3_handle_t* s3_handle, const char* key,
                                            const char* bucket, S3BucketContext* bucket_context) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
@@ -109,17 +124,7 @@ zorvan_result_t zorvan_i_s3_bucket_context(zorvan_i_s3_handle_t* s3_handle, cons
 
     const zorvan_i_s3_credentials_t* pair = nullptr;
     zorvan_i_s3_get_key_pair(s3_handle, bucket, key, &pair);
-    *bucket_context = {
-        .hostName = s3_handle->host_name,
-        .bucketName = bucket,
-        .protocol = s3_handle->protocol,
-        .uriStyle = s3_handle->uri_style,
-        .accessKeyId = pair->access_key_id,
-        .secretAccessKey = pair->secret_access_key,
-        .securityToken = s3_handle->security_token,
-        .authRegion = s3_handle->region,
-        .contextOption = s3_handle->context_option,
-    };
+    *bucket_context = zorvan_i_s3_session_context(*s3_handle, bucket, *pair);
     ZORVAN_S3_LOG(trace, ZORVAN_S3_DEBUG, "Using the key id %s\n",
                   zorvan_i_s3_printable(pair->access_key_id));
 

@@ -37,15 +37,6 @@ void _checksum_entry_free(void* datum) noexcept {
 zorvan_i_s3_text_t path_of(const char* bucket, const char* key) noexcept {
     return zorvan_i_s3_text_t(zorvan_common_create_string("%s/%s", bucket, key ? key : ""));
 }
-
-/** Copy what one "%32[a-fA-F0-9]" conversion would take. @return whether that were 32 digits */
-bool scan_digits(const char* text, char (&md5sum)[zorvan_i_s3_md5sum_size]) noexcept {
-    char digits[zorvan_i_s3_md5sum_size] = "";
-    const bool complete = std::sscanf(text, "%32[a-fA-F0-9]", digits) == 1 &&
-                          std::strlen(digits) == zorvan_i_s3_md5sum_size - 1;
-    std::memcpy(md5sum, complete ? digits : "", complete ? sizeof digits : 1);
-    return complete;
-}
 }  // namespace
 
 zorvan_result_t zorvan_i_s3_checksum_init(zorvan_i_s3_checksum_t** checksum) noexcept {
@@ -140,16 +131,27 @@ bool zorvan_i_s3_checksum_find(const char* bucket, const char* key, const char* 
     return found;
 }
 
+bool zorvan_i_s3_md5sum_scan(const char* text, char (&md5sum)[zorvan_i_s3_md5sum_size]) noexcept {
+    md5sum[0] = '\0';
+    const bool complete = std::sscanf(text, "%32[a-fA-F0-9]", md5sum) == 1 &&
+                          std::strlen(md5sum) == zorvan_i_s3_md5sum_size - 1;
+    if (!complete) md5sum[0] = '\0';
+    return complete;
+}
+
+bool zorvan_i_s3_etag_may_be_md5(const S3ResponseProperties& properties) noexcept {
+    constexpr size_t quoted_length = zorvan_i_s3_md5sum_size + 1;
+    constexpr char etag_is_no_md5 = 2;
+    return properties.eTag && std::strlen(properties.eTag) == quoted_length &&
+           properties.usesServerSideEncryption != etag_is_no_md5;
+}
+
 bool zorvan_i_s3_metadata_has_checksum(const S3ResponseProperties* properties,
                                        char (&md5sum)[zorvan_i_s3_md5sum_size]) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
-    constexpr size_t quoted_length = zorvan_i_s3_md5sum_size + 1;
-    constexpr char etag_is_no_md5 = 2;
     md5sum[0] = '\0';
-    const char* const etag = properties ? properties->eTag : nullptr;
-    const bool found = etag && std::strlen(etag) == quoted_length && etag[0] == '"' &&
-                       properties->usesServerSideEncryption != etag_is_no_md5 &&
-                       scan_digits(etag + 1, md5sum);
+    const bool found = properties && zorvan_i_s3_etag_may_be_md5(*properties) && properties->eTag[0] == '"' &&
+                       zorvan_i_s3_md5sum_scan(properties->eTag + 1, md5sum);
     trace.exit(found ? 1 : 0);
     return found;
 }

@@ -124,17 +124,7 @@ zorvan_result_t resolve_context(zorvan_i_s3_stat_request_t* request) noexcept {
         return zorvan_i_s3_bucket_context(s3_handle, pathname, request->bucket, &request->bucket_context);
     const zorvan_i_s3_credentials_t* pair = nullptr;
     zorvan_i_s3_get_key_pair(s3_handle, "", pathname, &pair);
-    request->bucket_context = {
-        .hostName = s3_handle->host_name,
-        .bucketName = "",
-        .protocol = s3_handle->protocol,
-        .uriStyle = s3_handle->uri_style,
-        .accessKeyId = pair->access_key_id,
-        .secretAccessKey = pair->secret_access_key,
-        .securityToken = s3_handle->security_token,
-        .authRegion = s3_handle->region,
-        .contextOption = s3_handle->context_option,
-    };
+    request->bucket_context = zorvan_i_s3_session_context(*s3_handle, "", *pair);
     return ZORVAN_SUCCESS;
 }
 

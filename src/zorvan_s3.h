@@ -194,6 +194,10 @@ int zorvan_i_s3_get_key_pair(zorvan_i_s3_handle_t* s3_handle, const char* bucket
 zorvan_result_t zorvan_i_s3_bucket_context(zorvan_i_s3_handle_t* s3_handle, const char* key,
                                            const char* bucket, S3BucketContext* bucket_context) noexcept;
 
+/** The context of a session's own endpoint, without permission check and region. Borrows like the above. */
+S3BucketContext zorvan_i_s3_session_context(const zorvan_i_s3_handle_t& s3_handle, const char* bucket,
+                                            const zorvan_i_s3_credentials_t& pair) noexcept;
+
 /** The region code of an Amazon endpoint host, null for any other host. Static text. */
 const char* zorvan_i_host_to_region(const char* host_name) noexcept;
 
@@ -273,6 +277,11 @@ bool zorvan_i_s3_checksum_find(const char* bucket, const char* key, const char* 
  * empty. */
 bool zorvan_i_s3_metadata_has_checksum(const S3ResponseProperties* properties,
                                        char (&md5sum)[zorvan_i_s3_md5sum_size]) noexcept;
+
+/** Whether a reply's ETag has the form and the protection of an MD5. Its digits are not looked at. */
+bool zorvan_i_s3_etag_may_be_md5(const S3ResponseProperties& properties) noexcept;
+/** Copy what "%32[a-fA-F0-9]" takes of a text when that are 32 digits, else empty `md5sum`. */
+bool zorvan_i_s3_md5sum_scan(const char* text, char (&md5sum)[zorvan_i_s3_md5sum_size]) noexcept;
 
 /** Turn 32 hexadecimal digits into the base64 text of Content-MD5 (RFC 1864).
  *  @param encoded  at least 25 characters */
