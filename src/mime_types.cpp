@@ -44,9 +44,12 @@ bool add_extensions(std::string_view type, std::string_view rest) noexcept {
         if (extension.empty() || extension.size() > longest_extension) continue;
         mime_entry_t* const entry = make_entry(extension, type);
         if (!entry) return false;
-        /* The first line that names an extension wins. */
-        if (zorvan_hashtable_insert(&zorvan_i_s3_mime_extensions, entry->extension, entry) != 0)
+        /* The first line that names an extension wins; any other refusal is a lack of memory. */
+        const bool known = zorvan_hashtable_lookup(&zorvan_i_s3_mime_extensions, entry->extension) != nullptr;
+        if (known || zorvan_hashtable_insert(&zorvan_i_s3_mime_extensions, entry->extension, entry) != 0) {
             std::free(entry);
+            if (!known) return false;
+        }
     }
 }
 }  // namespace

@@ -63,12 +63,14 @@ S3Status zorvan_l_s3_stat_list_service(const char*, const char*, const char* buc
 
     zorvan_i_s3_stat_add(request, bucket_entry(bucket_name, creation_date_seconds));
     ZORVAN_S3_LOG(trace, ZORVAN_S3_DEBUG, "Inserting bucket |%s|\n", bucket_name);
+    const bool duplicate = zorvan_hashtable_lookup(&request->bucket_names, bucket_name) != nullptr;
     char* const name = zorvan_libc_strdup(bucket_name);
-    if (!name) {
+    const int res = name ? zorvan_hashtable_insert(&request->bucket_names, name, name) : -1;
+    if (res != 0 && !duplicate) {
+        std::free(name);
         if (request->result == ZORVAN_SUCCESS) request->result = zorvan_i_s3_malloc_error();
         return trace.exit_status(S3StatusOutOfMemory);
     }
-    const int res = zorvan_hashtable_insert(&request->bucket_names, name, name);
     zorvan_assert_at(res == 0, "res == ZORVAN_SUCCESS", "stat_list_buckets", 299);
     return trace.exit_status(S3StatusOK);
 }
