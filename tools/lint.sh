@@ -7,7 +7,7 @@
 #   --jobs N     how many at a time (default: one per processor)
 #   FILE...      only these tracked files
 #
-# A source that was clean is not looked at again until it, a header of the house, its compile command, .clang-tidy
+# A source that was clean is not looked at again until it, a header of the house, its compile command, a .clang-tidy
 # or the tool changes: stamps are kept in DIR/tidy. Exit status 0: no findings.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -82,7 +82,7 @@ if $with_tidy; then
     LINT_COMMANDS=$(realpath "$build/compile_commands.json")
     LINT_STAMPS=$(dirname "$LINT_COMMANDS")/tidy
     LINT_TIDY=$tidy
-    LINT_COMMON=$({ "$tidy" --version; cat .clang-tidy; tracked '*.h' '*.hpp' | xargs -0 cat; } | sha256sum)
+    LINT_COMMON=$({ "$tidy" --version; tracked '*.clang-tidy' '*.h' '*.hpp' | xargs -0 cat; } | sha256sum)
     mkdir -p "$LINT_STAMPS"
     python3 - "$LINT_COMMANDS" >"$LINT_STAMPS/commands" <<'END'
 import json, sys
