@@ -58,7 +58,8 @@ TEST_F(DebugLog, LevelNamesStandAtTheirBits) {
     EXPECT_STREQ(zorvan_i_s3_debug_level_names[8], "WARN");
     EXPECT_STREQ(zorvan_i_s3_debug_level_names[16], "ERROR");
     for (const int i : {0, 3, 5, 6, 7, 9, 10, 11, 12, 13, 14, 15})
-        EXPECT_EQ(zorvan_i_s3_debug_level_names[i], nullptr) << i;
+        EXPECT_TRUE(zorvan_i_s3_debug_level_names[i] == nullptr || *zorvan_i_s3_debug_level_names[i] == '\0')
+            << i;
 }
 
 TEST_F(DebugLog, HeaderHasTheLevelFiveWide) {

@@ -3,7 +3,6 @@
 // Counters are atomics, the rest is guarded by one mutex that is never held while foreign code runs.
 #include "faults.h"
 
-#include <openssl/evp.h>
 #include <zorvan_common.h>
 
 #include <atomic>
@@ -24,9 +23,9 @@ void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
 char* __real_zorvan_libc_strdup(const char* text);
-int __real_EVP_DigestInit_ex(EVP_MD_CTX* context, const EVP_MD* type, ENGINE* engine);
-int __real_EVP_DigestUpdate(EVP_MD_CTX* context, const void* bytes, size_t length);
-int __real_EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* digest, unsigned* length);
+int __real_MD5_Init(void* context);
+int __real_MD5_Update(void* context, const void* bytes, size_t length);
+int __real_MD5_Final(unsigned char* digest, void* context);
 int __real_zorvan_thread_create(zorvan_thread_t* thread, const zorvan_threadattr_t* attr,
                                 void* (*function)(void*), void* argument);
 }
@@ -227,19 +226,17 @@ char* __wrap_strdup(const char* text) {
     return module_test::refuse_allocation(std::strlen(text) + 1) ? nullptr : __real_strdup(text);
 }
 
-int __wrap_EVP_DigestInit_ex(EVP_MD_CTX* context, const EVP_MD* type, ENGINE* engine) {
-    if (module_test::refuse_md5(module_test::Md5Step::init)) return 0;
-    return __real_EVP_DigestInit_ex(context, type, engine);
+int __wrap_MD5_Init(void* context) {
+    return module_test::refuse_md5(module_test::Md5Step::init) ? 0 : __real_MD5_Init(context);
 }
 
-int __wrap_EVP_DigestUpdate(EVP_MD_CTX* context, const void* bytes, size_t length) {
+int __wrap_MD5_Update(void* context, const void* bytes, size_t length) {
     if (module_test::refuse_md5(module_test::Md5Step::update)) return 0;
-    return __real_EVP_DigestUpdate(context, bytes, length);
+    return __real_MD5_Update(context, bytes, length);
 }
 
-int __wrap_EVP_DigestFinal_ex(EVP_MD_CTX* context, unsigned char* digest, unsigned* length) {
-    if (module_test::refuse_md5(module_test::Md5Step::finalize)) return 0;
-    return __real_EVP_DigestFinal_ex(context, digest, length);
+int __wrap_MD5_Final(unsigned char* digest, void* context) {
+    return module_test::refuse_md5(module_test::Md5Step::finalize) ? 0 : __real_MD5_Final(digest, context);
 }
 
 char* __wrap_zorvan_libc_strdup(const char* text) {

@@ -342,7 +342,7 @@ const char* S3_get_status_name(S3Status status) {
 }
 
 int S3_status_is_retryable(S3Status status) {
-    if (took_data) return 0;
+    if (took_data && !retry_after_data()) return 0;
     switch (static_cast<int>(status)) {
         case 43:
         case 44:
@@ -527,6 +527,140 @@ void S3_restore_object(const S3BucketContext* bucketContext, const char* key, in
     call.days = days;
     call.tier = text(tier);
     plain(call, "S3_restore_object", handler, callbackData);
+}
+
+void S3_initiate_multipart(const S3BucketContext* bucketContext, const char* key,
+                           const S3PutProperties* putProperties, const S3MultipartInitialHandler* handler,
+                           S3RequestContext* requestContext, int timeoutMs, void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::initiate_multipart, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.key = text(key);
+    call.put = copy(putProperties);
+    Request request(call, "S3_initiate_multipart", handler->responseHandler, callbackData);
+    if (request.good()) {
+        request.properties();
+        const auto& id = request.reply().upload_id;
+        const InModule inside;
+        request.keep(handler->responseXmlCallback(id ? id->c_str() : nullptr, callbackData));
+    }
+    request.complete();
+}
+
+void S3_upload_part(const S3BucketContext* bucketContext, const char* key,
+                    const S3PutProperties* putProperties, const S3PutObjectHandler* handler, int seq,
+                    const char* upload_id, uint64_t partContentLength, S3RequestContext* requestContext,
+                    int timeoutMs, void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::upload_part, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.key = text(key);
+    call.put = copy(putProperties);
+    call.part = seq;
+    call.upload_id = text(upload_id);
+    call.length = partContentLength;
+    Request request(call, "S3_upload_part", handler->responseHandler, callbackData);
+    request.take_body(handler->putObjectDataCallback, partContentLength);
+    if (request.good()) request.properties();
+    request.complete();
+}
+
+void S3_complete_multipart_upload(const S3BucketContext* bucketContext, const char* key,
+                                  const S3MultipartCommitHandler* handler, const char* upload_id,
+                                  uint64_t contentLength, S3RequestContext* requestContext, int timeoutMs,
+                                  void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::complete_multipart, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.key = text(key);
+    call.upload_id = text(upload_id);
+    call.length = contentLength;
+    Request request(call, "S3_complete_multipart_upload", handler->responseHandler, callbackData);
+    request.take_body(handler->putObjectDataCallback, contentLength);
+    if (request.good()) {
+        request.properties();
+        const auto& reply = request.reply();
+        const InModule inside;
+        request.keep(handler->responseXmlCallback(
+            reply.commit_location ? reply.commit_location->c_str() : nullptr,
+            reply.commit_etag ? reply.commit_etag->c_str() : nullptr, callbackData));
+    }
+    request.complete();
+}
+
+void S3_abort_multipart_upload_ex(const S3BucketContext* bucketContext, const char* key, const char* uploadId,
+                                  int timeoutMs, const S3AbortMultipartUploadHandler* handler,
+                                  S3RequestContext* requestContext, void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::abort_multipart, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.key = text(key);
+    call.upload_id = text(uploadId);
+    plain(call, "S3_abort_multipart_upload", &handler->responseHandler, callbackData);
+}
+
+void S3_abort_multipart_upload(const S3BucketContext* bucketContext, const char* key, const char* uploadId,
+                               int timeoutMs, const S3AbortMultipartUploadHandler* handler) {
+    S3_abort_multipart_upload_ex(bucketContext, key, uploadId, timeoutMs, handler, nullptr,
+                                 handler->callbackData);
+}
+
+void S3_list_parts(const S3BucketContext* bucketContext, const char* key, const char* partnumbermarker,
+                   const char* uploadid, const char* encodingtype, int maxparts,
+                   S3RequestContext* requestContext, int timeoutMs, const S3ListPartsHandler* handler,
+                   void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::list_parts, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.key = text(key);
+    call.part_marker = text(partnumbermarker);
+    call.upload_id = text(uploadid);
+    call.encoding = text(encodingtype);
+    call.max = maxparts;
+    Request request(call, "S3_list_parts", handler->responseHandler, callbackData);
+    request.properties();
+    if (request.good()) {
+        const auto& reply = request.reply();
+        std::vector<S3ListPart> parts;
+        for (const auto& part : reply.parts)
+            parts.push_back({part.etag.c_str(), -1, part.number, part.size});
+        const InModule inside;
+        request.keep(handler->responseXmlCallback(
+            reply.truncated ? 1 : 0, reply.next_part ? reply.next_part->c_str() : nullptr, nullptr, nullptr,
+            nullptr, nullptr, "STANDARD", static_cast<int>(parts.size()), parts.data(), callbackData));
+    }
+    request.complete();
+}
+
+void S3_list_multipart_uploads(const S3BucketContext* bucketContext, const char* prefix,
+                               const char* keymarker, const char* uploadidmarker, const char* encodingtype,
+                               const char* delimiter, int maxuploads, S3RequestContext* requestContext,
+                               int timeoutMs, const S3ListMultipartUploadsHandler* handler,
+                               void* callbackData) {
+    const OutOfModule outside;
+    auto call = call_of(S3Kind::list_uploads, requestContext, timeoutMs);
+    call.context = copy(bucketContext);
+    call.prefix = text(prefix);
+    call.marker = text(keymarker);
+    call.upload_marker = text(uploadidmarker);
+    call.encoding = text(encodingtype);
+    call.delimiter = text(delimiter);
+    call.max = maxuploads;
+    Request request(call, "S3_list_multipart_uploads", handler->responseHandler, callbackData);
+    request.properties();
+    if (request.good()) {
+        const auto& reply = request.reply();
+        std::vector<S3ListMultipartUpload> uploads;
+        for (const auto& upload : reply.uploads)
+            uploads.push_back({upload.key.c_str(), upload.upload_id.c_str(), "", "", nullptr, nullptr,
+                               "STANDARD", upload.initiated});
+        const InModule inside;
+        request.keep(handler->responseXmlCallback(
+            reply.truncated ? 1 : 0, reply.next_key ? reply.next_key->c_str() : nullptr,
+            reply.next_upload ? reply.next_upload->c_str() : nullptr, static_cast<int>(uploads.size()),
+            uploads.data(), 0, nullptr, callbackData));
+    }
+    request.complete();
 }
 
 void RG_get_user_info(const S3BucketContext* bucketContext, const char* userName,

@@ -124,6 +124,17 @@ struct Page {
     std::vector<std::string> prefixes;
 };
 
+struct ListedPart {
+    uint64_t number = 0;
+    uint64_t size = 0;
+    std::string etag;
+};
+
+struct ListedUpload {
+    std::string key, upload_id;
+    int64_t initiated = -1;
+};
+
 struct ListedBucket {
     std::string name;
     int64_t created = -1;
@@ -136,13 +147,18 @@ struct UserKey {
 /// How a call shall end.
 struct Reply {
     S3Status status = S3StatusOK;
-    std::optional<Properties> properties;      ///< delivered when set
-    bool null_properties = false;              ///< the properties callback gets a null record
-    std::string data;                          ///< a download's body
-    size_t piece = 0;                          ///< bytes per data callback; 0 = all at once
-    std::optional<Page> page;                  ///< a listing's page
-    std::vector<ListedBucket> buckets;         ///< a service listing
-    std::optional<std::vector<UserKey>> keys;  ///< a user's keys
+    std::optional<Properties> properties;          ///< delivered when set
+    bool null_properties = false;                  ///< the properties callback gets a null record
+    std::string data;                              ///< a download's body
+    size_t piece = 0;                              ///< bytes per data callback; 0 = all at once
+    std::optional<Page> page;                      ///< a listing's page
+    std::vector<ListedBucket> buckets;             ///< a service listing
+    std::optional<std::vector<UserKey>> keys;      ///< a user's keys
+    Text upload_id, commit_etag, commit_location;  ///< answers of the multipart calls
+    std::vector<ListedPart> parts;                 ///< a page of parts
+    std::vector<ListedUpload> uploads;             ///< a page of uploads
+    bool truncated = false;                        ///< of those pages, with their markers
+    Text next_part, next_key, next_upload;
     std::optional<size_t> take;  ///< bytes taken from the put-data callback; none: all on success
     std::optional<Details> details;
     std::function<void()> before;  ///< runs inside the call, first
@@ -169,6 +185,8 @@ using Responder = std::function<std::optional<Reply>(const S3Call&)>;
 void s3_reset();
 /// The next call of that kind that no nth-rule catches ends like this; several are used in order.
 void s3_script(S3Kind kind, Reply reply);
+/// Forget what s3_script() said of that kind.
+void s3_script_clear(S3Kind kind);
 /// The nth call (from 1) of that kind ends like this.
 void s3_on_call(S3Kind kind, int nth, Reply reply);
 /// The nth call of that kind fails with a status.
@@ -177,6 +195,8 @@ void s3_fail(S3Kind kind, int nth, S3Status status);
 void s3_respond(S3Kind kind, Responder responder);
 /// How many bytes one put-data callback asks for (65536).
 void s3_pull_size(int bytes);
+/// Whether a status stays retryable after body bytes were taken (false, as in the library).
+void s3_retry_after_data(bool retryable);
 /// How many bytes one get-data callback carries when the store answers (16384).
 void s3_push_size(size_t bytes);
 /// How many entries a page of the store's listing holds (1000).

@@ -22,6 +22,7 @@ std::vector<S3Call> calls;
 int pull_bytes = 65536;
 size_t push_bytes = 16384;
 size_t page_entries = 1000;
+bool retries_after_data = false;
 
 Reply failed(S3Status status) {
     Reply reply;
@@ -219,11 +220,27 @@ void s3_reset() {
     pull_bytes = 65536;
     push_bytes = 16384;
     page_entries = 1000;
+    retries_after_data = false;
+}
+
+bool retry_after_data() {
+    const std::lock_guard lock(mutex);
+    return retries_after_data;
+}
+
+void s3_retry_after_data(bool retryable) {
+    const std::lock_guard lock(mutex);
+    retries_after_data = retryable;
 }
 
 void s3_script(S3Kind kind, Reply reply) {
     const std::lock_guard lock(mutex);
     scripts[kind].push_back(std::move(reply));
+}
+
+void s3_script_clear(S3Kind kind) {
+    const std::lock_guard lock(mutex);
+    scripts[kind].clear();
 }
 
 void s3_on_call(S3Kind kind, int nth, Reply reply) {

@@ -11,6 +11,8 @@ Reply decide(const S3Call& call);
 size_t begin(const S3Call& call);
 /// Record how it ended and change the store accordingly.
 void end(size_t index, const S3Call& call);
+/// See s3_retry_after_data().
+bool retry_after_data();
 /// Bytes per put-data callback.
 int pull_size();
 

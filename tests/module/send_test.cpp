@@ -1,0 +1,832 @@
+// Downloads.
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "transfer_fixture.h"
+
+using namespace module_test;
+
+namespace module_test {
+
+std::string md5_of(const std::string& data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr);
+    std::string text;
+    for (unsigned i = 0; i < length; ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", digest[i]);
+        text += digits;
+    }
+    return text;
+}
+
+}  // namespace module_test
+
+namespace {
+
+constexpr const char* multipart_etag = "\"0123456789abcdef0123456789abcdef-3\"";
+
+class Send : public TransferTest {
+  protected:
+    void SetUp() override {
+        TransferTest::SetUp();
+        // A larger piece would get a buffer of its own size.
+        s3_push_size(64);
+    }
+    // Send a path to its end with what the operation was set to.
+    void run(Operation& op, const std::string& path = "/b/dir/f") {
+        call_send(op, path);
+        finish(op);
+    }
+    std::string run_content(const std::string& data, Operation& op) {
+        s3_object("b", "dir/f", data);
+        run(op);
+        return op.content();
+    }
+    // An object whose ETag is no MD5.
+    static void multipart_object(const std::string& data) {
+        s3_object("b", "dir/f", data).properties.etag = multipart_etag;
+    }
+    static Reply with_data(const std::string& data, S3Status status, uint64_t length, const Text& etag) {
+        Reply reply;
+        reply.status = status;
+        reply.data = data;
+        reply.properties = Properties{};
+        reply.properties->length = length;
+        reply.properties->etag = etag;
+        return reply;
+    }
+};
+
+TEST_F(Send, WholeObject) {
+    const auto data = bytes(1000);
+    Operation op;
+    EXPECT_EQ(run_content(data, op), data);
+    expect_success(op);
+    EXPECT_EQ(op.begin_transfers, 1);
+    const auto calls = s3_calls(S3Kind::get_object);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].context.bucket, "b");
+    EXPECT_EQ(calls[0].key, "dir/f");
+    EXPECT_EQ(calls[0].start, 0u);
+    EXPECT_EQ(calls[0].count, 0u);
+    EXPECT_FALSE(calls[0].conditions);
+    EXPECT_FALSE(calls[0].request_context);
+    EXPECT_EQ(calls[0].timeout, 0);
+}
+
+TEST_F(Send, StepsAreInOrder) {
+    Operation op;
+    run_content(bytes(10), op);
+    const std::vector<std::string> expected{"zorvan_thread_create", "begin_transfer", "get_read_range",
+                                            "S3_get_object",        "get_read_range", "register_write",
+                                            "finished_transfer"};
+    // The last buffer is registered by the request's completion, which comes before the next range is asked.
+    auto seen = trace();
+    EXPECT_EQ(trace_count("get_read_range"), 2);
+    EXPECT_LT(trace_position("begin_transfer"), trace_position("get_read_range"));
+    EXPECT_LT(trace_position("get_read_range"), trace_position("S3_get_object"));
+    EXPECT_LT(trace_position("S3_get_object"), trace_position("register_write"));
+    EXPECT_EQ(seen.back(), "finished_transfer");
+    EXPECT_EQ(seen.size(), expected.size());
+}
+
+TEST_F(Send, BuffersAreBlocksInOrder) {
+    const auto data = bytes(200);
+    Operation op;
+    run_content(data, op);
+    ASSERT_EQ(op.registered_writes.size(), 4u);
+    int64_t offset = 0;
+    for (const auto& write : op.registered_writes) {
+        EXPECT_EQ(write.offset, offset);
+        offset += static_cast<int64_t>(write.data.size());
+    }
+    EXPECT_EQ(op.registered_writes[0].data.size(), 64u);
+    EXPECT_EQ(op.registered_writes[3].data.size(), 8u);
+}
+
+TEST_F(Send, PieceLargerThanABlockGetsABufferOfItsSize) {
+    const auto data = bytes(200);
+    s3_push_size(1000);
+    Operation op;
+    EXPECT_EQ(run_content(data, op), data);
+    EXPECT_EQ(op.registered_writes.size(), 1u);
+}
+
+TEST_F(Send, DataInSmallPiecesFillsTheBlocks) {
+    const auto data = bytes(200);
+    s3_push_size(7);
+    Operation op;
+    EXPECT_EQ(run_content(data, op), data);
+    EXPECT_EQ(op.registered_writes.size(), 4u);
+}
+
+TEST_F(Send, ZeroLengthObjectSendsNothingAndSucceeds) {
+    Operation op;
+    EXPECT_EQ(run_content("", op), "");
+    expect_success(op);
+    EXPECT_TRUE(op.registered_writes.empty());
+}
+
+TEST_F(Send, ConcurrencyBoundsTheWritesInFlight) {
+    const auto data = bytes(64 * 50);
+    Operation op;
+    op.concurrency = 3;
+    EXPECT_EQ(run_content(data, op), data);
+    EXPECT_LE(op.max_outstanding, 3);
+    EXPECT_GE(op.max_outstanding, 1);
+}
+
+TEST_F(Send, FlowControlHoldsTheDownloadBack) {
+    // Nothing is written: the download may fill 2 registered buffers and a little over twice as many waiting.
+    const auto data = bytes(64 * 100);
+    s3_object("b", "dir/f", data);
+    s3_push_size(64);
+    Operation op;
+    op.hold();
+    call_send(op, "/b/dir/f");
+    ASSERT_TRUE(op.wait_outstanding(2));
+    op.grant(1);
+    ASSERT_TRUE(op.wait_delivered(1));
+    ASSERT_TRUE(op.wait_outstanding(2));
+    op.release();
+    finish(op);
+    expect_success(op);
+    EXPECT_EQ(op.content(), data);
+    int buffers = 0;
+    const auto log = log_text();
+    for (size_t at = log.find("new_buffer="); at != std::string::npos; at = log.find("new_buffer=", at + 1))
+        ++buffers;
+    EXPECT_LE(buffers, 2 + 2 * 2 + 2) << "memory must not grow with the object";
+}
+
+TEST_F(Send, WritesCalledBackInAnyOrder) {
+    const auto data = bytes(64 * 40);
+    for (const auto pick : {Pick::oldest, Pick::newest, Pick::scattered}) {
+        Operation op;
+        op.concurrency = 5;
+        op.write_pick = pick;
+        EXPECT_EQ(run_content(data, op), data);
+        expect_success(op);
+    }
+}
+
+TEST_F(Send, BlockSizeOfOneByte) {
+    const auto data = bytes(33);
+    s3_push_size(1);
+    Operation op;
+    op.block_size = 1;
+    op.concurrency = 1;
+    EXPECT_EQ(run_content(data, op), data);
+    expect_success(op);
+}
+
+TEST_F(Send, PartialRange) {
+    const auto data = bytes(500);
+    Operation op;
+    op.read_ranges = {{100, 50}};
+    s3_object("b", "dir/f", data);
+    run(op);
+    expect_success(op);
+    const auto calls = s3_calls(S3Kind::get_object);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].start, 100u);
+    EXPECT_EQ(calls[0].count, 50u);
+    EXPECT_EQ(op.content().substr(100), data.substr(100, 50));
+    EXPECT_EQ(op.registered_writes.at(0).offset, 100);
+}
+
+TEST_F(Send, RestartSendsTheRest) {
+    const auto data = bytes(500);
+    Operation op;
+    op.read_ranges = {{123, -1}};
+    s3_object("b", "dir/f", data);
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(op.content().substr(123), data.substr(123));
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).start, 123u);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).count, 0u);
+}
+
+TEST_F(Send, SeveralRangesGoToTheirOwnOffsets) {
+    const auto data = bytes(2000);
+    for (const auto pick : {Pick::oldest, Pick::newest}) {
+        Operation op;
+        op.write_pick = pick;
+        op.read_ranges = {{0, 300}, {1000, 129}, {500, 1}};
+        s3_object("b", "dir/f", data);
+        run(op);
+        expect_success(op);
+        const auto content = op.content();
+        EXPECT_EQ(content.substr(0, 300), data.substr(0, 300));
+        EXPECT_EQ(content.substr(1000, 129), data.substr(1000, 129));
+        EXPECT_EQ(content[500], data[500]);
+        EXPECT_EQ(content[301], '?');
+    }
+}
+
+TEST_F(Send, LaterRangesNeverTakeOlderBuffers) {
+    // While writes are held back, buffers of the first range wait; their offsets must stay theirs.
+    const auto data = bytes(4000);
+    s3_object("b", "dir/f", data);
+    Operation op;
+    op.concurrency = 2;
+    op.read_ranges = {{0, 384}, {3000, 128}};
+    op.hold();
+    call_send(op, "/b/dir/f");
+    ASSERT_TRUE(op.wait_outstanding(2));
+    op.release();
+    finish(op);
+    expect_success(op);
+    EXPECT_EQ(op.content().substr(0, 384), data.substr(0, 384));
+    EXPECT_EQ(op.content().substr(3000), data.substr(3000, 128));
+}
+
+TEST_F(Send, NoRangeAtAllIsAnEmptySuccess) {
+    Operation op;
+    op.read_ranges.clear();
+    s3_object("b", "dir/f", "abc");
+    run(op);
+    expect_success(op);
+    EXPECT_TRUE(s3_calls(S3Kind::get_object).empty());
+}
+
+TEST_F(Send, EachRangeHasItsOwnRetries) {
+    const auto data = bytes(300);
+    s3_object("b", "dir/f", data);
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorSlowDown);
+    s3_fail(S3Kind::get_object, 3, S3StatusErrorSlowDown);
+    Operation op;
+    op.read_ranges = {{0, 100}, {200, 100}};
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 4u);
+    EXPECT_EQ(sleeps(), (std::vector<int64_t>{100000, 100000}));
+    EXPECT_EQ(op.content().substr(200), data.substr(200));
+}
+
+TEST_F(Send, RangesEndWithTheFirstError) {
+    s3_object("b", "dir/f", bytes(300));
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorAccessDenied);
+    Operation op;
+    op.read_ranges = {{0, 100}, {200, 100}};
+    run(op);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 1u);
+    expect_ftp(op.finish().error, 550, "PERMISSION_DENIED", std::nullopt);
+}
+
+TEST_F(Send, PathWithoutLeadingSlash) {
+    s3_object("b", "dir/f", "abc");
+    Operation op;
+    run(op, "b/dir/f");
+    expect_success(op);
+    EXPECT_EQ(op.content(), "abc");
+}
+
+TEST_F(Send, BucketPathHasANullKeyAndIsNoCrash) {
+    s3_bucket("b");
+    Operation op;
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorUserKeyMustBeSpecified);
+    run(op, "/b");
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).key, std::nullopt);
+    expect_s3(op.finish().error, s3_text("/b", S3StatusErrorUserKeyMustBeSpecified));
+}
+
+TEST_F(Send, BucketPathThatAnswersIsNoCrash) {
+    s3_script(S3Kind::get_object, with_data("listing", S3StatusOK, 7, "\"no-md5\""));
+    Operation op;
+    run(op, "/b");
+    EXPECT_EQ(op.content(), "listing");
+}
+
+TEST_F(Send, EmptyKeyIsPassedOn) {
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorUserKeyMustBeSpecified);
+    Operation op;
+    run(op, "/b/");
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).key, "");
+    EXPECT_TRUE(op.finish().error.present);
+}
+
+TEST_F(Send, OperationBecomesTheSessionsCurrentOne) {
+    s3_object("b", "dir/f", "abc");
+    set_thread_mode(ThreadMode::deferred);
+    Operation op;
+    call_send(op, "/b/dir/f");
+    EXPECT_EQ(session->current_op.load(), &op);
+    run_deferred_threads();
+    finish(op);
+}
+
+// ------------------------------------------------------------------------------------------------ errors
+
+TEST_F(Send, ErrorTextsNameTheBucketAlone) {
+    s3_bucket("b");
+    Operation op;
+    run(op, "/b/dir/file");
+    expect_ftp(op.finish().error, 550, "PATH_NOT_FOUND", "GridFTP-Path: \"/b\"");
+    ASSERT_NE(op.finish().error.cause, nullptr);
+    expect_s3(*op.finish().error.cause, s3_text("/b", S3StatusErrorNoSuchKey));
+    EXPECT_EQ(op.finish().kind, Ending::transfer);
+}
+
+TEST_F(Send, EveryFailureOfTheStoreIsReported) {
+    s3_object("b", "dir/f", bytes(300));
+    for (int number = 1; number <= 134; ++number) {
+        s3_script(S3Kind::get_object, with_data("", static_cast<S3Status>(number), 0, std::nullopt));
+        s3_script(S3Kind::get_object, with_data("", static_cast<S3Status>(number), 0, std::nullopt));
+        const bool retried = S3_status_is_retryable(static_cast<S3Status>(number)) != 0;
+        Operation op;
+        run(op);
+        EXPECT_TRUE(op.finish().error.present) << number;
+        EXPECT_EQ(op.finish().kind, Ending::transfer);
+        // Use up the second reply where there was no second try.
+        if (!retried) s3_script_clear(S3Kind::get_object);
+    }
+}
+
+TEST_F(Send, ShortObjectIsUnexpectedEndOfFile) {
+    s3_script(S3Kind::get_object, with_data(bytes(60), S3StatusOK, 100, multipart_etag));
+    Operation op;
+    run(op);
+    expect_generic(op.finish().error, "send", "Unexpected end of file.  Full size: 100, size sent: 60");
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 60), "(none)");
+}
+
+TEST_F(Send, ShortRestartCountsFromTheRangesStart) {
+    s3_script(S3Kind::get_object, with_data(bytes(60), S3StatusOK, 100, multipart_etag));
+    Operation op;
+    op.read_ranges = {{1000, -1}};
+    run(op);
+    expect_generic(op.finish().error, "send", "Unexpected end of file.  Full size: 1100, size sent: 1060");
+}
+
+TEST_F(Send, UnknownLengthIsNotChecked) {
+    s3_script(S3Kind::get_object, with_data(bytes(60), S3StatusOK, 0, multipart_etag));
+    Operation op;
+    run(op);
+    expect_success(op);
+}
+
+TEST_F(Send, PartialRangeIsNotChecked) {
+    s3_script(S3Kind::get_object, with_data(bytes(60), S3StatusOK, 100, multipart_etag));
+    Operation op;
+    op.read_ranges = {{0, 100}};
+    run(op);
+    expect_success(op);
+}
+
+TEST_F(Send, RestartAtTheEndOfTheObjectSucceedsWithoutData) {
+    s3_object("b", "dir/f", bytes(500));
+    Operation op;
+    op.read_ranges = {{500, -1}};
+    run(op);
+    expect_success(op);
+    EXPECT_TRUE(op.registered_writes.empty());
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).status, S3StatusErrorInvalidRange);
+}
+
+TEST_F(Send, RestartBeyondTheEndIsRefused) {
+    s3_object("b", "dir/f", bytes(500));
+    Operation op;
+    op.read_ranges = {{501, -1}};
+    run(op);
+    expect_ftp(op.finish().error, 553, "APPEND_NOT_SUPPORTED", std::nullopt);
+}
+
+TEST_F(Send, RangeRefusalsThatProveNothingAreErrors) {
+    const std::vector<Pairs> details{
+        {},
+        {{"Other", "x"}},
+        {{"RangeRequested", "bytes=500-"}},
+        {{"ActualObjectSize", "500"}},
+        {{"RangeRequested", "bytes=0-"}, {"ActualObjectSize", "0"}},
+        {{"RangeRequested", "bytes=500-600"}, {"ActualObjectSize", "500"}},
+        {{"RangeRequested", "bytes=499-"}, {"ActualObjectSize", "500"}},
+        {{"RangeRequested", "rows=500-"}, {"ActualObjectSize", "500"}},
+        {{"RangeRequested", "bytes=500-"}, {"ActualObjectSize", "many"}},
+        {{"RangeRequested", "bytes=500-"}, {"ActualObjectSize", "500"}, {"RangeRequested", "nonsense"}},
+        {{"RangeRequested", "bytes=500-"}, {"ActualObjectSize", "500"}, {"ActualObjectSize", "x"}},
+    };
+    for (size_t i = 0; i < details.size(); ++i) {
+        Reply reply;
+        reply.status = S3StatusErrorInvalidRange;
+        reply.details = Details{{}, {}, {}, details[i]};
+        s3_script(S3Kind::get_object, reply);
+        Operation op;
+        op.read_ranges = {{500, -1}};
+        run(op);
+        EXPECT_EQ(op.finish().error.ftp_word, "APPEND_NOT_SUPPORTED") << i;
+    }
+}
+
+TEST_F(Send, RangeRefusalWithoutDetailsIsAnError) {
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorInvalidRange);
+    Operation op;
+    run(op);
+    EXPECT_EQ(op.finish().error.ftp_word, "APPEND_NOT_SUPPORTED");
+}
+
+TEST_F(Send, RangeRefusalAmongOtherDetailsProves) {
+    Reply reply;
+    reply.status = S3StatusErrorInvalidRange;
+    reply.details = Details{{},
+                            {},
+                            {},
+                            {{"BucketName", "b"},
+                             {"RangeRequested", "bytes=500-"},
+                             {"HostId", "x"},
+                             {"ActualObjectSize", "500"}}};
+    s3_script(S3Kind::get_object, reply);
+    Operation op;
+    op.read_ranges = {{500, -1}};
+    run(op);
+    expect_success(op);
+}
+
+TEST_F(Send, FailureAfterDataIsReportedAndWhatWasRegisteredIsCalledBack) {
+    s3_script(S3Kind::get_object, with_data(bytes(640), S3StatusInternalError, 1000, multipart_etag));
+    Operation op;
+    run(op);
+    expect_s3(op.finish().error, s3_text("/b", S3StatusInternalError));
+    EXPECT_EQ(op.finishes.size(), 1u);
+    EXPECT_EQ(op.delivered, op.accepted);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 640), "(none)");
+}
+
+// --------------------------------------------------------------------------------------------- retries
+
+TEST_F(Send, RetryBeforeAnyDataStartsOver) {
+    const auto data = bytes(300);
+    s3_object("b", "dir/f", data);
+    s3_fail(S3Kind::get_object, 1, S3StatusConnectionFailed);
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(op.content(), data);
+    const auto handle = pointer_text(&op);
+    EXPECT_TRUE(log_holds("REST: op=" + handle + " S3_get_object(bucket=b, key=dir/f) try=0\n"));
+    EXPECT_TRUE(log_holds("REST: op=" + handle + " S3_get_object(bucket=b, key=dir/f) try=1\n"));
+    EXPECT_TRUE(log_holds("S3_get_object: op=" + handle + " status=ConnectionFailed[46]\n"));
+}
+
+TEST_F(Send, RetryAfterDataSkipsWhatWasDelivered) {
+    const auto data = bytes(1000);
+    multipart_object(data);
+    s3_on_call(S3Kind::get_object, 1,
+               with_data(data.substr(0, 300), S3StatusConnectionFailed, 1000, multipart_etag));
+    s3_push_size(70);
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(op.content(), data);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 1000), md5_of(data)) << "no byte is summed twice";
+    // Not one byte went out twice.
+    size_t total = 0;
+    for (const auto& write : op.registered_writes)
+        total += write.data.size();
+    EXPECT_EQ(total, 1000u);
+}
+
+TEST_F(Send, RetryAfterDataOfAPartialRange) {
+    const auto data = bytes(1000);
+    multipart_object(data);
+    s3_on_call(S3Kind::get_object, 1,
+               with_data(data.substr(100, 130), S3StatusConnectionFailed, 400, multipart_etag));
+    Operation op;
+    op.read_ranges = {{100, 400}, {800, 100}};
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(op.content().substr(100, 400), data.substr(100, 400));
+    EXPECT_EQ(op.content().substr(800), data.substr(800, 100));
+}
+
+TEST_F(Send, RetryThatMeetsAnotherObjectFails) {
+    const auto data = bytes(1000);
+    multipart_object(data);
+    s3_on_call(S3Kind::get_object, 1,
+               with_data(data.substr(0, 300), S3StatusConnectionFailed, 1000, "\"another-etag-2\""));
+    Operation op;
+    run(op);
+    EXPECT_NE(op.finish().result, ZORVAN_SUCCESS);
+    EXPECT_TRUE(op.finish().error.present);
+    EXPECT_NE(op.content(), data);
+}
+
+TEST_F(Send, RetryThatFailsForGoodReportsTheLastError) {
+    const auto data = bytes(1000);
+    s3_on_call(S3Kind::get_object, 1,
+               with_data(data.substr(0, 300), S3StatusConnectionFailed, 1000, multipart_etag));
+    s3_fail(S3Kind::get_object, 2, S3StatusErrorAccessDenied);
+    Operation op;
+    run(op);
+    expect_ftp(op.finish().error, 550, "PERMISSION_DENIED", std::nullopt);
+}
+
+// -------------------------------------------------------------------------------------------- checksums
+
+TEST_F(Send, PlainEtagIsNotSummed) {
+    const auto data = bytes(500);
+    auto& object = s3_object("b", "dir/f", data);
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", *object.properties.etag, 500), "(none)");
+}
+
+TEST_F(Send, MultipartEtagIsSummedAndCached) {
+    const auto data = bytes(500);
+    multipart_object(data);
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 500), md5_of(data));
+    EXPECT_TRUE(host_log().empty());
+}
+
+TEST_F(Send, EncryptedObjectIsSummedThoughItsEtagLooksLikeAnMd5) {
+    const auto data = bytes(500);
+    auto& object = s3_object("b", "dir/f", data);
+    object.properties.encryption = 2;
+    Operation op;
+    run(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", *object.properties.etag, 500), md5_of(data));
+}
+
+TEST_F(Send, PartialRangeNeverComputesAChecksum) {
+    const auto data = bytes(500);
+    multipart_object(data);
+    Operation op;
+    op.read_ranges = {{0, 500}};
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 500), "(none)");
+}
+
+TEST_F(Send, RestartNeverComputesAChecksum) {
+    const auto data = bytes(500);
+    multipart_object(data);
+    Operation op;
+    op.read_ranges = {{100, -1}};
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 400), "(none)");
+}
+
+TEST_F(Send, EmptyObjectWithAMultipartEtagIsCached) {
+    multipart_object("");
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 0), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST_F(Send, MissingEtagIsNotCachedButNoError) {
+    s3_object("b", "dir/f", "abc").properties.etag = std::nullopt;
+    Operation op;
+    run(op);
+    expect_success(op);
+    ASSERT_EQ(host_log().size(), 1u);
+    EXPECT_EQ(host_log()[0].level, 2);
+    EXPECT_TRUE(host_log()[0].text.starts_with("Can not cache invalid checksum:  path: 'b/dir/f'"));
+}
+
+TEST_F(Send, FailingChecksumStepsDoNotFailTheDownload) {
+    const auto data = bytes(500);
+    for (const auto step : {Md5Step::init, Md5Step::update, Md5Step::finalize}) {
+        multipart_object(data);
+        fail_md5(step);
+        Operation op;
+        run(op);
+        fail_md5(Md5Step::none);
+        EXPECT_EQ(op.content(), data);
+        EXPECT_EQ(cached_md5("b", "dir/f", multipart_etag, 500), "(none)");
+        if (step != Md5Step::finalize) expect_success(op);
+    }
+}
+
+// ----------------------------------------------------------------------------- refused and failing writes
+
+TEST_F(Send, RefusedWriteIsTheTransfersResult) {
+    const auto data = bytes(64 * 30);
+    for (const int nth : {1, 2, 3, 7, 30}) {
+        s3_object("b", "dir/f", data);
+        Operation op;
+        op.refuse_write = nth;
+        run(op);
+        EXPECT_EQ(op.finish().error.text, "write refused") << nth;
+        EXPECT_EQ(op.finish().kind, Ending::transfer);
+        EXPECT_EQ(op.finishes.size(), 1u);
+    }
+}
+
+TEST_F(Send, RefusedWriteOfTheLastPartialBuffer) {
+    s3_object("b", "dir/f", bytes(64 + 5));
+    Operation op;
+    op.refuse_write = 2;
+    run(op);
+    EXPECT_EQ(op.finish().error.text, "write refused");
+}
+
+TEST_F(Send, RefusalWhileManyBuffersWaitEndsTheDownload) {
+    // The flow-control wait ends when an error is kept; nothing would signal it otherwise.
+    const auto data = bytes(64 * 200);
+    s3_object("b", "dir/f", data);
+    Operation op;
+    op.refuse_write = 3;
+    op.hold();
+    call_send(op, "/b/dir/f");
+    ASSERT_TRUE(op.wait_outstanding(2));
+    // One callback lets the third write be registered, which is refused, and nothing is written any more.
+    op.grant(1);
+    finish(op);
+    EXPECT_EQ(op.finish().error.text, "write refused");
+    EXPECT_EQ(op.registered_writes.size(), 2u);
+}
+
+TEST_F(Send, BrokenChannelEndsTheDownloadWithItsError) {
+    for (const int64_t limit : {0, 64, 100, 640, 1900}) {
+        s3_object("b", "dir/f", bytes(64 * 30));
+        Operation op;
+        op.concurrency = 4;
+        op.channel_breaks_after = limit;
+        run(op);
+        EXPECT_EQ(op.delivered, op.accepted);
+        EXPECT_EQ(op.finishes.size(), 1u);
+        if (limit < 1800) {
+            EXPECT_EQ(op.finish().error.text, "data channel broken") << limit;
+        }
+    }
+}
+
+TEST_F(Send, ErrorOfARefusalSurvivesTheAbortedRequest) {
+    s3_object("b", "dir/f", bytes(64 * 30));
+    s3_push_size(64);
+    Operation op;
+    op.refuse_write = 5;
+    run(op);
+    EXPECT_EQ(op.finish().error.text, "write refused");
+    EXPECT_NE(s3_calls(S3Kind::get_object).at(0).status, S3StatusOK);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 1u);
+}
+
+TEST_F(Send, NothingIsRegisteredAfterTheEnd) {
+    // The second write is refused while the first is held back; its callback comes after the finished call.
+    s3_object("b", "dir/f", bytes(64 * 10));
+    Operation op;
+    op.concurrency = 4;
+    op.refuse_write = 3;
+    op.hold();
+    call_send(op, "/b/dir/f");
+    ASSERT_TRUE(op.wait_finished());
+    EXPECT_EQ(op.finish().error.text, "write refused");
+    EXPECT_EQ(op.finish_at_callback, 0);
+    trace_reset();
+    op.release();
+    finish(op);
+    EXPECT_EQ(trace_count("register_write"), 0);
+    EXPECT_EQ(op.delivered, 2);
+}
+
+// ----------------------------------------------------------------------------------------------- set-up
+
+TEST_F(Send, FailuresBeforeTheWorkerEndWithFinishedCommand) {
+    Operation op;
+    fail_allocation(1);
+    call_send(op, "/b/dir/f");
+    fail_allocation(0);
+    ASSERT_FALSE(op.finishes.empty());
+    EXPECT_EQ(op.finish().kind, Ending::command);
+    expect_system(op.finish().error, "malloc", ENOMEM);
+    EXPECT_TRUE(log_holds("finished_command: op=" + pointer_text(&op) +
+                          " result=" + result_text(op.finish().result) + "\n"));
+    EXPECT_TRUE(log_holds("send: op=" + pointer_text(&op) + " pathname=/b/dir/f\n"));
+    op.close();
+}
+
+TEST_F(Send, FailedThreadEndsWithFinishedCommand) {
+    Operation op;
+    fail_next_thread(EAGAIN);
+    call_send(op, "/b/dir/f");
+    ASSERT_FALSE(op.finishes.empty());
+    EXPECT_EQ(op.finish().kind, Ending::command);
+    EXPECT_EQ(op.finish().text, std::nullopt);
+    ASSERT_TRUE(op.finish().error.text);
+    EXPECT_NE(op.finish().error.text->find("zorvan_thread_create"), std::string::npos);
+    EXPECT_EQ(op.begin_transfers, 0);
+    op.close();
+}
+
+TEST_F(Send, ForbiddenBucketEndsWithFinishedCommand) {
+    session->allowed_buckets = static_cast<char**>(std::calloc(2, sizeof(char*)));
+    session->allowed_buckets[0] = strdup("mine");
+    Operation op;
+    call_send(op, "/b/dir/f");
+    ASSERT_FALSE(op.finishes.empty());
+    EXPECT_EQ(op.finish().kind, Ending::command);
+    expect_ftp(op.finish().error, 550, "PERMISSION_DENIED", std::nullopt);
+    op.close();
+}
+
+TEST_F(Send, BufferThatCannotBeAllocatedIsTheMallocErrorAndStatus2) {
+    s3_object("b", "dir/f", bytes(5000));
+    Operation op;
+    op.block_size = 100000;
+    fail_allocations_from(100000);
+    run(op);
+    fail_allocations_from(0);
+    expect_system(op.finish().error, "malloc", ENOMEM);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).status, S3StatusOutOfMemory);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 1u);
+}
+
+TEST_F(Send, EveryAllocationThatFailsEndsTheDownloadOnce) {
+    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
+    const auto data = bytes(64 * 12);
+    bool went_through = false;
+    for (long n = 1; n < 500 && !went_through; ++n) {
+        multipart_object(data);
+        Operation op;
+        fail_allocation(n);
+        run(op);
+        went_through = !allocation_failed();
+        fail_allocation(0);
+        EXPECT_EQ(op.finishes.size(), 1u);
+        if (op.finish().result == ZORVAN_SUCCESS) {
+            EXPECT_EQ(op.content(), data);
+        }
+    }
+    EXPECT_TRUE(went_through);
+}
+
+TEST_F(Send, EntryTouchesNothingAfterItsThreadWasMade) {
+    s3_object("b", "dir/f", bytes(300));
+    Operation op;
+    set_thread_mode(ThreadMode::at_once);
+    set_after_at_once([&] {
+        destroy_session();
+        release_records();
+        trace_reset();
+    });
+    call_send(op, "/b/dir/f");
+    EXPECT_TRUE(trace().empty());
+    op.close();
+}
+
+TEST_F(Send, WorkerTouchesNothingAfterItsFinishedCall) {
+    for (const bool fails : {false, true}) {
+        s3_object("b", "dir/f", bytes(300));
+        Operation op;
+        if (fails) op.refuse_write = 3;
+        op.on_finished = [&] {
+            destroy_session();
+            release_records();
+            trace_reset();
+        };
+        call_send(op, "/b/dir/f");
+        finish(op);
+        EXPECT_TRUE(trace().empty());
+        login();
+    }
+}
+
+TEST_F(Send, EndIsLogged) {
+    s3_object("b", "dir/f", bytes(10));
+    Operation op;
+    run(op);
+    EXPECT_TRUE(log_holds("finished_transfer: op=" + pointer_text(&op) + " result=0\n"));
+    EXPECT_TRUE(log_holds("Currently 0 blocks registered\n"));
+    EXPECT_TRUE(log_holds(" size=10 offset=0\n"));
+    EXPECT_TRUE(log_holds("registering write buffer=0x"));
+}
+
+TEST_F(Send, ManyDownloadsAtOnce) {
+    const auto data = bytes(64 * 60);
+    s3_object("b", "dir/f", data);
+    std::vector<std::unique_ptr<Operation>> operations;
+    for (int i = 0; i < 10; ++i) {
+        operations.push_back(std::make_unique<Operation>());
+        operations.back()->write_pick = i % 2 == 0 ? Pick::newest : Pick::scattered;
+        operations.back()->concurrency = 1 + i;
+        call_send(*operations.back(), "/b/dir/f");
+    }
+    for (auto& op : operations) {
+        ASSERT_TRUE(op->wait_finished());
+        op->close();
+        EXPECT_EQ(op->content(), data);
+    }
+}
+
+using SendDeathTest = Send;
+
+TEST_F(SendDeathTest, NullSessionIsAnAssertion) {
+    Operation op;
+    const zorvan_gridftp_server_transfer_info_t info{"/b/k", 0, 0, nullptr, nullptr, 1};
+    EXPECT_DEATH(iface->send(&op, &info, nullptr),
+                 "Assertion s3_handle != NULL failed in file send at line [0-9]+\n");
+    op.finishes.emplace_back();
+}
+
+}  // namespace
