@@ -208,14 +208,17 @@ task<void> list_over_data(session& client, std::string_view typed, listing_form 
     } else {
         co_await sink.break_off();
     }
-    if (text.empty() && outcome.error && sink.failed_code() == 0 && !outcome.aborted) {
-        text = error_reply(*outcome.error, error_context::command);
-    } else if (text.empty() && sink.failed_code() == 425) {
-        text = reply(425, texts::cannot_open_data);
-    } else if (text.empty() && (outcome.aborted || sink.failed_code() != 0)) {
-        text = reply(426, outcome.aborted ? texts::listing_aborted : texts::data_failed);
-    } else if (text.empty()) {
-        text = reply(226, texts::transfer_complete);
+    if (text.empty()) {
+        if (outcome.aborted) {
+            text = reply(426, texts::listing_aborted);
+        } else if (sink.failed_code() != 0) {
+            text = reply(sink.failed_code(),
+                         sink.failed_code() == 425 ? texts::cannot_open_data : texts::data_failed);
+        } else if (outcome.error) {
+            text = error_reply(*outcome.error, error_context::command);
+        } else {
+            text = reply(226, texts::transfer_complete);
+        }
     }
     client.log(ZORVAN_GFS_LOG_TRANSFER, fmt::format("listed {} bytes={} reply={}", printable(target->path),
                                                     sink.bytes(), text.substr(0, 3)));
