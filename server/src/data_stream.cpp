@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/socket_base.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <climits>
@@ -48,7 +49,12 @@ class tcp_stream final : public data_stream {
     }
 
     task<io_result> read_some(asio::mutable_buffer buffer) override {
+        if (ended_) {
+            // The end shows once only: a second read would wait for an event that does not come again.
+            co_return io_result{asio::error::eof, 0};
+        }
         auto [error, bytes] = co_await socket_.async_read_some(buffer, tuple_awaitable);
+        ended_ = error == asio::error::eof;
         co_return io_result{error, bytes};
     }
 
@@ -95,6 +101,7 @@ class tcp_stream final : public data_stream {
 
   private:
     asio::ip::tcp::socket socket_;
+    bool ended_ = false;
 };
 
 }  // namespace
