@@ -215,7 +215,7 @@ zorvan_result_t zorvan_gridftp_server_operation_s::add_write(unsigned char* buff
     EXPECT_EQ(stripe, -1);
     EXPECT_GT(length, 0u);
     ++write_registrations_;
-    if (write_registrations_ == refuse_write) return own_error("write refused");
+    if (refuse_write != 0 && write_registrations_ >= refuse_write) return own_error("write refused");
     if (broken_) return own_error("data channel broken");
     if (!finishes.empty()) return own_error("operation finished");
     bytes_registered_ += static_cast<int64_t>(length);

@@ -105,7 +105,7 @@ struct zorvan_gridftp_server_operation_s {
 
     // ---- writes (downloads)
     module_test::Pick write_pick = module_test::Pick::oldest;
-    int refuse_write = 0;                         ///< the nth registration is refused; 0 = none
+    int refuse_write = 0;                         ///< from the nth registration on all are refused; 0 = none
     std::optional<int64_t> channel_breaks_after;  ///< so many registered bytes later all writes fail
 
     // ---- reads (uploads)
