@@ -27,6 +27,7 @@ struct send_request_t : zorvan_i_s3_request_state_t {
     uint64_t range_start = 0;       /* of a whole-object read */
     uint64_t full_size = 0;         /* range start and content length; 0 = unknown */
     bool whole_object = false;
+    bool refused = false;  /* the host took no further write; asking again would tell nothing new */
     bool finished = false; /* the host has the outcome: nothing is registered any more */
     zorvan_i_s3_registered_list_t registered;
     zorvan_i_s3_buffer_queue_t pending;
@@ -60,6 +61,7 @@ struct send_request_t : zorvan_i_s3_request_state_t {
         const bool held = worker_lock.owns_lock();
         if (!held) worker_lock.lock();
         zorvan_i_s3_request_state_t::clear_outcome();
+        refused = false;
         to_skip = delivered;
         if (!held) worker_lock.unlock();
     }
@@ -93,6 +95,7 @@ void zorvan_l_s3_send_write_callback(zorvan_gridftp_server_operation_t, zorvan_r
 int zorvan_l_s3_send_pending_buffers(send_request_t* request) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
     if (request->pending.empty()) return trace.exit(0);
+    if (request->refused) return trace.exit(1);
     ZORVAN_S3_LOG(trace, ZORVAN_S3_DEBUG, "Currently %d blocks registered\n", request->registered.count());
     const int concurrency = optimal_concurrency(*request);
     while (request->registered.count() < concurrency && !request->pending.empty()) {
@@ -105,6 +108,7 @@ int zorvan_l_s3_send_pending_buffers(send_request_t* request) noexcept {
             request->op, s3_buffer->data(), s3_buffer->buffer_used, s3_buffer->offset, -1,
             zorvan_l_s3_send_write_callback, request);
         if (result != ZORVAN_SUCCESS) {
+            request->refused = true;
             zorvan_result_t dropped = result;
             if (request->result == ZORVAN_SUCCESS)
                 request->result = result;
