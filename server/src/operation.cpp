@@ -129,7 +129,11 @@ std::shared_ptr<operation> operation::find(zorvan_gridftp_server_operation_t han
 operation::operation(operation_kind kind, std::shared_ptr<session_core> session, async_event event)
     : kind_(kind), id_(next_id()), event_(std::move(event)), session_(std::move(session)) {}
 
-operation::~operation() = default;
+operation::~operation() {
+    // The session counts as alive until it is destroyed: what the channel holds of the spool goes back before
+    // that.
+    channel.reset();
+}
 
 zorvan_gridftp_server_operation_t operation::handle() const noexcept {
     return reinterpret_cast<zorvan_gridftp_server_operation_t>(static_cast<std::uintptr_t>(id_));
