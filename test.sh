@@ -48,6 +48,9 @@ wanted() {
   [ ${#suites[@]} -eq 0 ] || [[ " ${suites[*]} " == *" $1 "* ]]
 }
 
+# Ctrl-C and a termination reach what runs in the background too; those end their own servers and stores.
+trap 'trap "" INT TERM; kill -TERM 0; wait; exit 130' INT TERM
+
 results=$PWD/build/results
 rm -rf "$results"
 mkdir -p "$results"
@@ -119,9 +122,9 @@ end_to_end() {
 # both_stores: the two stores' runs side by side; the output of the one that failed is what is shown.
 both_stores() {
   local pid status=0
-  end_to_end e2e-devstore --store devstore >"$results/e2e-devstore.log" 2>&1 &
+  end_to_end e2e-devstore --store=devstore >"$results/e2e-devstore.log" 2>&1 &
   pid=$!
-  end_to_end e2e-rgw --store rgw ${no_rgw:+--no-rgw} >"$results/e2e-rgw.log" 2>&1 || status=$?
+  end_to_end e2e-rgw --store=rgw ${no_rgw:+--no-rgw} >"$results/e2e-rgw.log" 2>&1 || status=$?
   wait "$pid" || status=$?
   tail -n 30 "$results/e2e-devstore.log" "$results/e2e-rgw.log"
   return "$status"
@@ -159,7 +162,7 @@ if [ -z "$quick" ] && [ "${suites[*]}" != lint ] && [ "${suites[*]}" != layers ]
   if build_preset asan; then
     unit_tests asan
     if wanted e2e; then
-      step "$results/e2e-asan.log" "end-to-end tests, asan" end_to_end e2e-asan --store devstore --build-dir build/asan -m "not slow"
+      step "$results/e2e-asan.log" "end-to-end tests, asan" end_to_end e2e-asan --store=devstore --build-dir=build/asan -m "not slow"
       files+=("$results/e2e-asan.xml")
     fi
   fi

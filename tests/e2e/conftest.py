@@ -1,11 +1,12 @@
 """Fixtures of the end-to-end tests: real stores, the real server with the real module, real clients.
 
 A run needs built binaries (--build-dir). Every test runs against both stores; --store picks one, --no-rgw leaves the RADOS
-Gateway out. After every test the server must have closed what the test opened.
+Gateway out. Tests that need no store belong to the dev store's run. After every test the server must have closed what the test opened.
 """
 
 import itertools
 import shutil
+import signal
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
@@ -41,6 +42,10 @@ class Binaries:
 
 
 def pytest_configure(config):
+    def terminated(*_):
+        raise KeyboardInterrupt("SIGTERM")
+
+    signal.signal(signal.SIGTERM, terminated)  # so that servers and stores are stopped in that case too
     build = Path(config.getoption("--build-dir")).resolve()
     devstore = Path(config.getoption("--devstore-binary") or build / "bin" / "zorvan-devstore")
     config.binaries = Binaries(build / "bin" / "zorvan-gridftp-server", devstore, build / "lib")
@@ -60,6 +65,13 @@ def pytest_generate_tests(metafunc):
             names = list(STORES)
         chosen = metafunc.config.getoption("--store")
         metafunc.parametrize("store", [name for name in names if chosen in (None, name)], indirect=True, scope="session")
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("--store") == "rgw":
+        kept = [item for item in items if "store" in item.fixturenames and not item.get_closest_marker("devstore_only")]
+        config.hook.pytest_deselected(items=[item for item in items if item not in kept])
+        items[:] = kept
 
 
 @pytest.fixture(scope="session")

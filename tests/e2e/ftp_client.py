@@ -99,12 +99,16 @@ class FtpClient:
 
     @staticmethod
     def read_all(data):
-        """Everything up to the end of the data; closes the socket."""
+        """Everything up to the end of the data; closes the socket. ConnectionResetError when the end is none."""
+        content = bytearray()
+        FtpClient._read_into(content, data)
+        return bytes(content)
+
+    @staticmethod
+    def _read_into(content, data):
         with data:
-            blocks = []
             while block := data.recv(1 << 20):
-                blocks.append(block)
-        return b"".join(blocks)
+                content += block
 
     def fetch(self, line, rest=None):
         """A command whose answer comes over a data connection. Returns (replies, data); data is None when the command was
@@ -116,8 +120,15 @@ class FtpClient:
         if not 100 <= first.code < 200:
             data.close()
             return [first], None
-        content = self.read_all(data)
-        return [first, self.read_reply()], content
+        content, reset = bytearray(), None
+        try:
+            self._read_into(content, data)
+        except ConnectionResetError as error:  # how a server in stream mode says that this was not the end
+            reset = error
+        last = self.read_reply()
+        if reset and last.code == 226:
+            raise FtpError(f"{line!r}: the data connection was reset, but the reply is {last.lines}") from reset
+        return [first, last], bytes(content)
 
     def retrieve(self, path, rest=None):
         """A download that has to succeed: its bytes."""

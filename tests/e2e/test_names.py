@@ -8,7 +8,7 @@ from ftp_client import parse_facts
 
 NAMES = [
     "with blank", " leading blank", "trailing blank ", "two  blanks", 'double"quote', "single'quote", "per%cent", "%41", "%",
-    "a+b", "a#b", "a?b&c=d", "semi;colon", "co:lon,comma", "<xml>&amp;</xml>", "back\\slash", "dollar$(x)`y`", "{braces}[x]",
+    "a+b", "a#b", "a?b&c=d", "semi;colon", "co:lon,comma", "<xml>&amp;", "back\\slash", "dollar$(x)`y`", "{braces}[x]",
     "star*", "tilde~", "-l", "--", "...", ".hidden", "exclamation!", "at@sign", "pipe|caret^", "tab\there",
     "Grüße", unicodedata.normalize("NFD", "Grüße"), "日本語.txt", "emoji-🚀", "مرحبا", "zero​width",
     "n" * 1000, "Ж" * 500,
