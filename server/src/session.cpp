@@ -5,6 +5,7 @@
 #include "session.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <string.h>
 
 #include <algorithm>
@@ -66,6 +67,7 @@ asio::ip::address local_address_of(const Socket& socket) {
 session::session(const session_environment& environment, asio::ip::tcp::socket socket)
     : environment_(environment),
       executor_(socket.get_executor()),
+      control_socket_(socket.native_handle()),
       client_address_(remote_address(socket)),
       local_address_(local_address_of(socket)),
       line_event_(executor_),
@@ -247,6 +249,7 @@ task<void> session::watch() {
             next = std::min(next, write_began_ + write_time);
             if (now >= write_began_ + write_time) {
                 log(ZORVAN_GFS_LOG_INFO, "the client does not read its replies");
+                input_ended(true);
                 control_->reset();
             }
         } else {
@@ -325,6 +328,14 @@ void session::input_ended(bool lost) {
     line_event_.notify();
     room_event_.notify();
     sent_event_.notify();
+}
+
+bool session::client_is_there() const noexcept {
+    if (lost_ || input_ended_) return false;
+    // What the reader has not come to yet counts too: a client that was killed ends all its connections at
+    // once.
+    pollfd entry{control_socket_, POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) == 0;
 }
 
 void session::abort_operation() {

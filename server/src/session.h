@@ -159,6 +159,7 @@ class session : public std::enable_shared_from_this<session> {
     task<void> finish_transfer(std::string_view verb, const std::string& path,
                                const transfer_outcome& outcome, first_data& events);
     void input_ended(bool lost);
+    bool client_is_there() const noexcept;
     void abort_operation();
     std::optional<session_record> make_session_record(std::string& refusal) const;
 
@@ -169,6 +170,8 @@ class session : public std::enable_shared_from_this<session> {
 
     const session_environment& environment_;
     asio::any_io_executor executor_;
+    int control_socket_; /**< of control_, for a look at its state alone; good as long as `lost_` is not set
+                          */
     std::unique_ptr<data_stream> control_;
     asio::ip::address client_address_;
     asio::ip::address local_address_;

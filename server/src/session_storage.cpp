@@ -86,7 +86,7 @@ class session::first_data final : public transfer_events {
         sent_ = true;
         co_await owner_.answer(150, texts::opening_data);
     }
-    bool sent() const { return sent_; }
+    bool control_alive() noexcept override { return owner_.client_is_there(); }
 
   private:
     session& owner_;

@@ -356,6 +356,24 @@ TEST(LiveTransfer, AClientThatVanishesStoresNothing) {
     }
 }
 
+TEST(LiveTransfer, AClientThatIsKilledStoresNothing) {
+    LiveServer server;
+    put("/bucket/old", "old");
+    for (int round = 0; round < 20; ++round) {
+        Client client = server.client();
+        Socket data = client.open_data();
+        client.send("STOR /bucket/old\r\n");
+        EXPECT_EQ(client.reply().code, 150);
+        data.write(pattern(1000));
+        // As the kernel does it for a process that dies: everything ends in good order, one right after the
+        // other.
+        client.control().close();
+        data.close();
+        EXPECT_TRUE(eventually([] { return store().open_sessions() == 0; }));
+        ASSERT_EQ(content("/bucket/old"), "old") << round;
+    }
+}
+
 TEST(LiveTransfer, ADataConnectionThatIsResetStoresNothing) {
     LiveServer server;
     Client client = server.client();
