@@ -154,7 +154,7 @@ class data_listing final : public stat_sink {
         }
         stream_ = std::move(result.stream);
         client_.watch_data(&connector_, stream_.get());
-        co_await client_.answer(150, texts::opening_data);
+        co_await client_.announce_data();
     }
 
     task<void> flush() {

@@ -34,7 +34,7 @@ inline constexpr std::string_view need_password = "Password required.";
 inline constexpr std::string_view logged_in = "Logged in.";
 inline constexpr std::string_view already_logged_in = "Already logged in; use REIN to begin anew.";
 inline constexpr std::string_view login_incorrect = "Login incorrect.";
-inline constexpr std::string_view no_storage_session = "no storage session for this collection";
+inline constexpr std::string_view need_host = "Choose a collection with HOST first.";
 inline constexpr std::string_view storage_unavailable = "The storage of this collection is not available.";
 inline constexpr std::string_view superfluous = "ACCT is superfluous here.";
 inline constexpr std::string_view reinitialized = "Session reset; log in with USER.";
@@ -55,7 +55,6 @@ inline constexpr std::string_view system_type = "UNIX Type: L8";
 inline constexpr std::string_view login_timeout = "Log-in took too long; closing.";
 inline constexpr std::string_view idle_timeout = "Idle for too long; closing.";
 inline constexpr std::string_view shutting_down = "The server is shutting down.";
-inline constexpr std::string_view too_many_sessions = "Too many sessions; try again later.";
 
 inline constexpr std::string_view need_data_connection = "Use PASV, EPSV, PORT or EPRT first.";
 inline constexpr std::string_view cannot_listen = "Cannot open a data port.";
@@ -86,8 +85,6 @@ inline constexpr std::string_view time_fixed = "The time of a stored object cann
 inline constexpr std::string_view names_directory = "The name is that of a directory.";
 inline constexpr std::string_view below_root = "There are only directories here.";
 inline constexpr std::string_view checksum_noted = "Checksum noted; the next upload is compared with it.";
-inline constexpr std::string_view need_allo =
-    "Uploads of unknown size are not accepted; announce the size with ALLO.";
 inline constexpr std::string_view stage_done = "OK";
 }  // namespace texts
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 #include <cerrno>
 #include <csignal>
@@ -71,6 +72,8 @@ bool server::start(std::string& error) {
         boost::system::error_code code;
         acceptor.open(endpoint.protocol(), code);
         if (!code) acceptor.set_option(asio::socket_base::reuse_address(true), code);
+        // "[::]" beside "0.0.0.0" on one port: each family has a socket of its own.
+        if (!code && endpoint.address().is_v6()) acceptor.set_option(asio::ip::v6_only(true), code);
         if (!code) acceptor.bind(endpoint, code);
         if (!code) acceptor.listen(asio::socket_base::max_listen_connections, code);
         if (code) {

@@ -211,16 +211,17 @@ task<void> session::read_lines() {
 
 task<void> session::take_line(std::string line, bool too_long) {
     if (line.empty() && !too_long) co_return;
-    if (!too_long && operation_running_) {
+    if (!too_long && (operation_running_ || watched_connector_ != nullptr)) {
         const command_line parts = split_command_line(line);
         if (equals_ignoring_case(parts.verb, "ABOR")) {
             log(ZORVAN_GFS_LOG_DEBUG, "ABOR of the running operation");
             abort_operation();
-        } else if (waiting_.empty() && equals_ignoring_case(parts.verb, "NOOP")) {
+        } else if (!data_announced_ || !waiting_.empty()) {
+            // The client takes the next reply for that of an earlier command.
+        } else if (equals_ignoring_case(parts.verb, "NOOP")) {
             co_await answer(200, texts::ok);
             co_return;
-        } else if (waiting_.empty() && equals_ignoring_case(parts.verb, "STAT") &&
-                   trim(parts.argument).empty()) {
+        } else if (equals_ignoring_case(parts.verb, "STAT") && trim(parts.argument).empty()) {
             co_await send(multi_line_reply(211, "Status of the server:", status_lines(), "End of status."));
             co_return;
         }
@@ -321,7 +322,7 @@ task<void> session::answer(int code, std::string_view text) {
 void session::input_ended(bool lost) {
     input_ended_ = true;
     lost_ = lost_ || lost;
-    if (storage_ && (lost_ || data_running_)) {
+    if (storage_ && (lost_ || data_running_ || watched_connector_ != nullptr)) {
         storage_->client_gone();
         abort_operation();
     }

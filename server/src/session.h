@@ -133,7 +133,11 @@ class session : public std::enable_shared_from_this<session> {
     /** Run a transfer and answer for it. The REST offset is used up before. */
     task<void> download(send_request request);
     task<void> upload(receive_request request);
-    /** Let ABOR reach this stream or connector too, until it is called with null. */
+    /** Say 150. From here on the client knows that a transfer runs, and NOOP and STAT are answered at once.
+     */
+    task<void> announce_data();
+    /** Let ABOR, and the end of the client, reach this connector and stream too, until it is called with
+     * null. */
     void watch_data(data_connector* connector, data_stream* stream);
     /** What a data connection of this session must obey. */
     data_connection_rules data_rules() const;
@@ -192,7 +196,8 @@ class session : public std::enable_shared_from_this<session> {
     std::chrono::steady_clock::time_point write_began_;
 
     bool operation_running_ = false;
-    bool data_running_ = false; /**< the running operation uses a data connection */
+    bool data_announced_ = false; /**< the running operation's 150 is out */
+    bool data_running_ = false;   /**< the running operation uses a data connection */
     data_connector* watched_connector_ = nullptr;
     data_stream* watched_stream_ = nullptr;
 

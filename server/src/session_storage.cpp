@@ -68,6 +68,7 @@ class session::operation_scope {
     ~operation_scope() {
         owner_.operation_running_ = false;
         owner_.data_running_ = false;
+        if (owner_.watched_connector_ == nullptr) owner_.data_announced_ = false;
     }
     operation_scope(const operation_scope&) = delete;
     operation_scope& operator=(const operation_scope&) = delete;
@@ -84,7 +85,7 @@ class session::first_data final : public transfer_events {
     task<void> on_first_data() override {
         if (sent_) co_return;
         sent_ = true;
-        co_await owner_.answer(150, texts::opening_data);
+        co_await owner_.announce_data();
     }
     bool control_alive() noexcept override { return owner_.client_is_there(); }
 
@@ -115,7 +116,7 @@ std::optional<session_record> session::make_session_record(std::string& refusal)
     record.client_address = client_address_.to_string();
     if (collection_ == nullptr) {
         if (config().collections.empty()) return record;
-        refusal = "Choose a collection with HOST first.";
+        refusal = texts::need_host;
         return std::nullopt;
     }
     record.collection = collection_->name;
@@ -268,9 +269,15 @@ task<std::unique_ptr<data_connector>> session::take_connector() {
     co_return connector;
 }
 
+task<void> session::announce_data() {
+    data_announced_ = true;
+    co_await answer(150, texts::opening_data);
+}
+
 void session::watch_data(data_connector* connector, data_stream* stream) {
     watched_connector_ = connector;
     watched_stream_ = stream;
+    if (connector == nullptr) data_announced_ = false;
 }
 
 task<void> session::download(send_request request) {

@@ -175,6 +175,19 @@ TEST(LiveSession, PipelinedCommandsAreAnsweredInOrder) {
     EXPECT_EQ(client.reply().code, 0);
 }
 
+TEST(LiveSession, NoReplyOvertakesTheOneOfAnEarlierCommand) {
+    LiveServer server;
+    put("/bucket/x", "12345");
+    Client client = server.client();
+    for (int round = 0; round < 50; ++round) {
+        // Two segments: the second may come while the first command is at the back end.
+        client.send("SIZE /bucket/x\r\n");
+        client.send("NOOP\r\n");
+        EXPECT_EQ(client.reply().code, 213);
+        EXPECT_EQ(client.reply().code, 200);
+    }
+}
+
 TEST(LiveSession, AScriptMayCloseItsSideEarly) {
     LiveServer server;
     Client client(server.port());
