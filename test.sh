@@ -83,7 +83,18 @@ build() {
 
 # build_preset PRESET: everything, or what the wanted suites need. A build that fails is a failure, and the preset's tests are not run.
 build_preset() {
-  step "$results/build-$1.log" "build $1" build "$1" && return 0
+  local suite targets=()
+  for suite in "${suites[@]}"; do
+    case $suite in
+      e2e) targets+=(zorvan-gridftp-server zorvan_gridftp_server_ceph zorvan-devstore) ;;
+      devstore) targets+=(zorvan-devstore) ;;
+      layers) targets+=(all) ;;
+      lint) ;;
+      *) targets+=("tests/$suite/all") ;;
+    esac
+  done
+  [ ${#suites[@]} -eq 0 ] || [ ${#targets[@]} -gt 0 ] || return 0
+  step "$results/build-$1.log" "build $1" build "$1" "${targets[@]}" && return 0
   failures+=("build $1")
   return 1
 }
