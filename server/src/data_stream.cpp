@@ -32,9 +32,15 @@ std::size_t kernel_limit(const char* file) {
     return limit;
 }
 
-// A fixed size switches the kernel's own growing off, so it is only set when it is granted in full.
+// Only ever larger: a window below a segment's size crawls. A fixed size switches the kernel's own growing
+// off, so it is only set when it is granted in full.
 void set_buffer_size(int socket, int forced_option, int option, std::size_t wanted, std::size_t limit) {
+    int current = 0;
+    socklen_t size = sizeof current;
     const int value = wanted > INT_MAX / 2 ? INT_MAX / 2 : static_cast<int>(wanted);
+    if (::getsockopt(socket, SOL_SOCKET, option, &current, &size) != 0 || current >= value) {
+        return;
+    }
     if (::setsockopt(socket, SOL_SOCKET, forced_option, &value, sizeof value) != 0 && wanted <= limit) {
         (void)::setsockopt(socket, SOL_SOCKET, option, &value, sizeof value);
     }

@@ -117,7 +117,6 @@ session_core::~session_core() {
 std::shared_ptr<operation> operation::create(operation_kind kind, std::shared_ptr<session_core> session,
                                              async_event event) {
     auto op = std::make_shared<operation>(kind, std::move(session), std::move(event));
-    op->session_->shared.gauges().count_operation(+1);
     table().add(op->id_, op);
     return op;
 }
@@ -127,7 +126,11 @@ std::shared_ptr<operation> operation::find(zorvan_gridftp_server_operation_t han
 }
 
 operation::operation(operation_kind kind, std::shared_ptr<session_core> session, async_event event)
-    : kind_(kind), id_(next_id()), event_(std::move(event)), session_(std::move(session)) {}
+    : life_(session->shared.gauges()),
+      kind_(kind),
+      id_(next_id()),
+      event_(std::move(event)),
+      session_(std::move(session)) {}
 
 operation::~operation() {
     // The session counts as alive until it is destroyed: what the channel holds of the spool goes back before
@@ -378,7 +381,6 @@ void operation::release() {
     for (const auto result : results) {
         release_result(result);
     }
-    session_->shared.gauges().count_operation(-1);
 }
 
 bool operation::finished() {

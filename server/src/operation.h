@@ -207,6 +207,15 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
 
     static constexpr std::size_t waiting_entries_limit = 1024;
 
+    // Counts the operation as alive until everything that it holds has gone: declared first, destroyed last.
+    struct life {
+        explicit life(host_gauges& counted) : gauges(counted) { gauges.count_operation(+1); }
+        life(const life&) = delete;
+        life& operator=(const life&) = delete;
+        ~life() { gauges.count_operation(-1); }
+        host_gauges& gauges;
+    };
+    const life life_;
     const operation_kind kind_;
     const std::uint64_t id_;
     const async_event event_;

@@ -45,9 +45,12 @@ void stream_channel::start_connect() {
             connect_done_ = true;
             if (result.stream) {
                 stream_ = std::move(result.stream);
-                const std::size_t wanted = config_.block_size * static_cast<std::size_t>(config_.concurrency);
-                const bool receives = op_.kind() == operation_kind::receive;
-                stream_->set_buffer_sizes(receives ? wanted : 0, receives ? 0 : wanted);
+                if (op_.kind() == operation_kind::receive) {
+                    // The client's data come in while the back end has no read registered. What is sent needs
+                    // no more room than the kernel finds by itself.
+                    stream_->set_buffer_sizes(
+                        config_.block_size * static_cast<std::size_t>(config_.concurrency), 0);
+                }
                 if (aborted_) {
                     stream_->reset();
                 }

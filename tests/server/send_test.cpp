@@ -130,6 +130,7 @@ TEST_F(send, a_failure_in_the_middle_never_looks_like_the_end) {
 
 TEST_F(send, writes_in_flight_are_called_back_when_the_client_goes) {
     log_in();
+    flag registered;
     zorvan_result_t refused = ZORVAN_SUCCESS;
     the_script().send = [&](op_handle op, auto) {
         zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
@@ -137,6 +138,7 @@ TEST_F(send, writes_in_flight_are_called_back_when_the_client_goes) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(writes.write(op, std::string(16 << 20, 'x'), 0), ZORVAN_SUCCESS);
         }
+        registered.raise();
         const auto calls = writes.wait(3);
         EXPECT_TRUE(calls.back().failed);
         EXPECT_EQ(calls.back().bytes, 0u);
@@ -148,6 +150,7 @@ TEST_F(send, writes_in_flight_are_called_back_when_the_client_goes) {
     auto client = connector.open();
     auto outcome = start_send(whole());
     EXPECT_EQ(client->read_exactly(1000).size(), 1000u);
+    registered.wait();
     client->reset();
     const auto result = result_of(std::move(outcome));
     ASSERT_TRUE(result.error);
@@ -263,7 +266,8 @@ TEST_F(send, one_thread_serves_one_operation_at_a_time) {
     };
     auto client = connector.open();
     auto outcome = start_send(whole());
-    EXPECT_EQ(client->read_all(), writes.data());
+    const auto received = client->read_all();
+    EXPECT_EQ(received, writes.data());
     EXPECT_FALSE(result_of(std::move(outcome)).error);
 }
 

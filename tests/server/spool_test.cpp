@@ -18,8 +18,8 @@ class spooled : public core_test {
         return request;
     }
     // A back end that reads to the end inside its entry.
-    void reading_backend() {
-        the_script().recv = [this](op_handle op, const zorvan_gridftp_server_transfer_info_t* info) {
+    void reading_backend(std::size_t block = 1000) {
+        the_script().recv = [this, block](op_handle op, const zorvan_gridftp_server_transfer_info_t* info) {
             alloc_size = info->alloc_size;
             truncate = info->truncate;
             zorvan_off_t length = 0;
@@ -27,7 +27,7 @@ class spooled : public core_test {
             zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
             std::size_t count = 0;
             for (;;) {
-                EXPECT_EQ(reads.read(op, 1000), ZORVAN_SUCCESS);
+                EXPECT_EQ(reads.read(op, block), ZORVAN_SUCCESS);
                 const auto calls = reads.wait(++count);
                 if (calls.size() < count || calls.back().eof) {
                     break;
@@ -83,7 +83,7 @@ TEST_F(spooled, what_does_not_fit_into_memory_goes_through_the_file) {
     config.spool.memory = 300'000;
     config.block_size = 100'000;
     log_in();
-    reading_backend();
+    reading_backend(100'000);
     std::string asked;
     the_script().stat = [&](op_handle op, const zorvan_gridftp_server_stat_info_t* info) {
         asked = info->pathname;
