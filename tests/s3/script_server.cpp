@@ -188,6 +188,10 @@ bool ScriptServer::serve_one(int socket, int number, std::string& input) {
     }
     if (!whole || step.close_after_body_bytes >= 0) return false;
     if (!send_all(socket, step.answer ? step.answer(request) : step.reply)) return false;
+    if (step.before_rest) {
+        step.before_rest();
+        if (!send_all(socket, step.rest)) return false;
+    }
     if (step.hang_after) wait_for_client_to_leave(socket);
     return !step.close && !step.hang_after;
 }

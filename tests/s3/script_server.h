@@ -45,6 +45,9 @@ struct Step {
     Continue on_expect = Continue::kSend;
     /// Called when the headers were read, before anything is answered.
     std::function<void(const SeenRequest&)> look;
+    /// Runs after the reply was sent; then rest follows.
+    std::function<void()> before_rest;
+    std::string rest;
     /// Makes the reply from the whole request; replaces reply.
     std::function<std::string(const SeenRequest&)> answer;
 };
