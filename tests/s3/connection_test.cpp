@@ -1,6 +1,7 @@
 // Connections: reuse, stale ones, stalls, time limits, many threads, and the end of the library under way.
 #include <atomic>
 #include <barrier>
+#include <future>
 #include <thread>
 
 #include "options.h"
@@ -134,23 +135,25 @@ TEST_F(Connections, TimeInsideCallbacksIsNoStall) {
     // limit but long enough for the guard to look: only both together would be a stall. No ETag, so nothing
     // is healed.
     S3_set_option(S3OptionStallSeconds, 4);
-    std::atomic<bool> callback_done = false;
+    std::promise<void> callback_done;
+    bool told = false;
     Step step;
     step.reply = reply(200, {{"Content-Length", "10"}}, "01234");
-    step.before_rest = [&] {
-        callback_done.wait(false);
+    step.before_rest = [done = callback_done.get_future().share()] {
+        done.wait();
         std::this_thread::sleep_for(std::chrono::milliseconds(1300));
     };
     step.rest = "56789";
     server_.then(step);
     Recorder recorder;
     recorder.on_data = [&] {
-        if (callback_done) return;
+        if (std::exchange(told, true)) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(4500));
-        callback_done = true;
-        callback_done.notify_all();
+        callback_done.set_value();
     };
     get_into(recorder, "a");
+    // A call that failed early must not leave the server waiting.
+    if (!told) callback_done.set_value();
     EXPECT_EQ(recorder.status, S3StatusOK);
     EXPECT_EQ(recorder.data, "0123456789");
 }
