@@ -124,7 +124,13 @@ task<stat_outcome> backend_session::implementation::stat(std::string path, bool 
         const bool finished = op->finished();
         const auto batch = op->take_entries();
         if (!batch.empty() && !stopped()) {
-            const bool wanted = co_await sink.entries(batch);
+            bool wanted = false;
+            try {
+                wanted = co_await sink.entries(batch);
+            } catch (const std::exception&) {
+                // A client that cannot be written to; the back end must still be waited for.
+                wanted = false;
+            }
             outcome.entries += batch.size();
             op->entries_written(batch.size());
             if (!wanted) {
@@ -174,7 +180,11 @@ task<command_outcome> backend_session::command(command_request request, progress
         const auto texts = op->take_progress();
         for (const auto& text : texts) {
             if (!self.stopped()) {
-                co_await sink.progress(text);
+                try {
+                    co_await sink.progress(text);
+                } catch (const std::exception&) {
+                    self.gone = true;
+                }
             }
         }
         if (!texts.empty()) {

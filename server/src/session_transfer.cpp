@@ -134,8 +134,17 @@ task<backend_session::implementation::spooled> backend_session::implementation::
     const receive_request& request, data_connector& connector, transfer_events& events) {
     const auto& config = core->shared.config();
     spooled result;
+    // What an abort ends must not outlive this coroutine, however it ends.
+    struct forget {
+        std::function<void()>& hook;
+        ~forget() { hook = nullptr; }
+    } const forget_hook{on_interrupt};
     // The client may be one that connects only after the preliminary reply.
-    co_await events.on_first_data();
+    try {
+        co_await events.on_first_data();
+    } catch (const std::exception&) {
+        gone = true;
+    }
     on_interrupt = [&connector] { connector.cancel(); };
     connect_result connected;
     if (!stopped()) {

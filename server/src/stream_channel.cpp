@@ -72,6 +72,14 @@ task<void> stream_channel::end_connect() {
     }
 }
 
+task<void> stream_channel::tell_first_data() {
+    try {
+        co_await events_.on_first_data();
+    } catch (const std::exception&) {
+        abort();
+    }
+}
+
 void stream_channel::note_failures_locked() {
     if (aborted_) {
         op_.fail_channel_locked(operation_error::channel(426, "Transfer aborted. Data connection closed."));

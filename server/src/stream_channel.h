@@ -31,6 +31,9 @@ class stream_channel : public transfer_channel {
     bool connect_settled() const noexcept { return connect_done_; }
     /// End a connect in progress and wait until it has returned.
     task<void> end_connect();
+    /// Announce the transfer. One that cannot be announced has lost its client, but still has to be brought
+    /// to its end.
+    task<void> tell_first_data();
     /// Note what failed outside: an abort, a connect without a stream. Mutex held.
     void note_failures_locked();
 

@@ -241,7 +241,7 @@ task<void> stream_receiver::run() {
                 }
                 if (!(connect_settled() && !stream_) && !aborted_) {
                     announced_start_ = true;
-                    co_await events_.on_first_data();
+                    co_await tell_first_data();
                 }
             } else if (!connect_settled()) {
                 co_await op_.event().wait();

@@ -75,7 +75,7 @@ stream_sender::step stream_sender::next_step() {
 task<void> stream_sender::announce() {
     if (!announced_) {
         announced_ = true;
-        co_await events_.on_first_data();
+        co_await tell_first_data();
     }
 }
 

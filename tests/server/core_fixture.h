@@ -163,11 +163,15 @@ class test_events final : public transfer_events {
   public:
     task<void> on_first_data() override {
         ++announced;
+        if (broken) {
+            throw std::runtime_error("the control connection is gone");
+        }
         co_return;
     }
     bool control_alive() noexcept override { return alive; }
     std::atomic<int> announced{0};
     std::atomic<bool> alive{true};
+    std::atomic<bool> broken{false};
 };
 
 /// One callback, as it came.

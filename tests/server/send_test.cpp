@@ -247,6 +247,24 @@ TEST_F(send, a_slow_store_is_not_a_stalled_client) {
     EXPECT_FALSE(result_of(std::move(outcome)).error);
 }
 
+TEST_F(send, a_reply_that_cannot_be_sent_fails_the_transfer_and_waits_for_its_end) {
+    log_in();
+    std::atomic<bool> finished{false};
+    the_script().send = [&](op_handle op, auto) {
+        zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+        EXPECT_EQ(writes.write(op, "data", 0), ZORVAN_SUCCESS);
+        EXPECT_TRUE(writes.wait(1).front().failed);
+        finished = true;
+        zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+    };
+    events.broken = true;
+    auto client = connector.open();
+    const auto result = result_of(start_send(whole()));
+    EXPECT_TRUE(finished);
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->ftp_code, 426);
+}
+
 TEST_F(send, one_thread_serves_one_operation_at_a_time) {
     log_in();
     std::atomic<int> inside{0};
