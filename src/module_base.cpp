@@ -30,12 +30,6 @@ zorvan_result_t zorvan_l_s3_base_activate() {
         zorvan_i_s3_mime_types_destroy();
         return trace.exit_result(ZORVAN_FAILURE);
     }
-    /* The client's request for user information takes its path from here, not from a bucket context. */
-    if (zorvan_i_s3_rg_admin_bucket && S3_set_admin_entry(zorvan_i_s3_rg_admin_bucket) != S3StatusOK) {
-        zorvan_i_s3_mime_types_destroy();
-        zorvan_i_s3_checksum_cache_destroy();
-        return trace.exit_result(zorvan_i_s3_malloc_error());
-    }
     return trace.exit_result(ZORVAN_SUCCESS);
 }
 

@@ -547,12 +547,6 @@ S3Status S3_set_option(S3Option option, int64_t value);
  */
 S3Status S3_set_thread_default_host(const char* hostName);
 
-/**
- * Sets the first path element(s) of the store's administration interface used by RG_get_user_info ("admin";
- * may contain slashes); null returns to the default. Returns S3StatusOK or S3StatusOutOfMemory.
- */
-S3Status S3_set_admin_entry(const char* entry);
-
 /** The status's name without its prefix ("OK", "ErrorNoSuchKey"), a static text; "Unknown" for numbers out of
  * range. */
 const char* S3_get_status_name(S3Status status);
@@ -712,9 +706,10 @@ void S3_restore_object(const S3BucketContext* bucketContext, const char* key, in
 
 /**
  * Reads a store user and its keys through the store's administration interface (Ceph RADOS Gateway: admin
- * operations, "get user info"). bucketContext names host and credentials; its bucket is ignored. userName may
- * be "tenant$user". Inactive keys and keys that do not fit RGUserKey are left out. No total time limit
- * applies, only the stall guard.
+ * operations, "get user info"). bucketContext names host and credentials; its bucket is the entry of the
+ * administration interface (null or empty: "admin"; may contain slashes), addressed as a path whatever the
+ * URI style. userName may be "tenant$user". Inactive keys and keys that do not fit RGUserKey are left out. No
+ * total time limit applies, only the stall guard.
  */
 void RG_get_user_info(const S3BucketContext* bucketContext, const char* userName,
                       S3RequestContext* requestContext, const RGUserInfoHandler* handler, void* callbackData);

@@ -18,7 +18,6 @@ namespace s3 {
 namespace {
 
 constexpr const char* kDefaultUserAgent = "zorvan-s3/1";
-constexpr std::string_view kDefaultAdminEntry = "admin";
 
 struct OptionRange {
     int64_t initial;
@@ -48,7 +47,6 @@ struct Process {
     std::shared_ptr<ConnectionPool> pool;
     std::string user_agent = kDefaultUserAgent;
     std::string host = S3_DEFAULT_HOSTNAME;
-    std::string admin_entry{kDefaultAdminEntry};
     std::map<std::string, bool, std::less<>> verify_by_host;
 
     Process() {
@@ -117,12 +115,6 @@ std::string default_host() {
     return p.host;
 }
 
-std::string admin_entry() {
-    Process& p = process();
-    const std::lock_guard lock(p.mutex);
-    return p.admin_entry;
-}
-
 std::string host_without_port(std::string_view host) {
     const size_t bracket = host.rfind(']');
     const size_t colon = host.rfind(':');
@@ -174,23 +166,6 @@ extern "C" S3Status S3_set_thread_default_host(const char* hostName) {
         std::string host = hostName;
         if (host.size() > S3_MAX_HOSTNAME_SIZE) return S3StatusUriTooLong;
         s3::thread_host() = std::move(host);
-        return S3StatusOK;
-    } catch (...) {
-        return S3StatusOutOfMemory;
-    }
-}
-
-extern "C" S3Status S3_set_admin_entry(const char* entry) {
-    try {
-        std::string_view text = entry != nullptr ? entry : "";
-        while (text.starts_with('/'))
-            text.remove_prefix(1);
-        while (text.ends_with('/'))
-            text.remove_suffix(1);
-        std::string value(text.empty() ? s3::kDefaultAdminEntry : text);
-        s3::Process& p = s3::process();
-        const std::lock_guard lock(p.mutex);
-        p.admin_entry = std::move(value);
         return S3StatusOK;
     } catch (...) {
         return S3StatusOutOfMemory;

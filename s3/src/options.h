@@ -29,8 +29,6 @@ LibraryState library_state(std::string_view host);
 /// The host for a context that names none: the thread's, else that of the latest S3_initialize.
 std::string default_host();
 
-/// First path elements of the administration interface, without slashes at the ends.
-std::string admin_entry();
 
 /// "host:port" or "[v6]:port" without the port, in lower case.
 std::string host_without_port(std::string_view host);

@@ -72,6 +72,14 @@ UserRecord read_user(std::string_view text) {
     return info;
 }
 
+std::string_view without_outer_slashes(std::string_view text) {
+    while (text.starts_with('/'))
+        text.remove_prefix(1);
+    while (text.ends_with('/'))
+        text.remove_suffix(1);
+    return text;
+}
+
 void get_user(RequestPlan& plan, const RGUserInfoHandler& handler, void* callback_data, CallResult& call) {
     ExchangeResult result = perform(plan);
     if (result.status != S3StatusOK) return set_result(call, std::move(result));
@@ -91,8 +99,10 @@ extern "C" void RG_get_user_info(const S3BucketContext* bucketContext, const cha
         if (userName == nullptr || *userName == '\0') throw s3::Refusal{S3StatusErrorInvalidArgument};
         s3::RequestPlan plan;
         plan.store = s3::make_store(*bucketContext);
-        // Beside the buckets, whatever style they are addressed in.
-        plan.address = s3::service_address(plan.store, "/" + s3::admin_entry() + "/user");
+        // A path beside the buckets, whatever style they are addressed in. It may have several components.
+        const std::string_view entry = s3::without_outer_slashes(plan.store.bucket);
+        plan.address =
+            s3::service_address(plan.store, "/" + std::string(entry.empty() ? "admin" : entry) + "/user");
         plan.query = {{"format", "json"}, {"uid", userName}};
         s3::get_user(plan, *handler, callbackData, call);
     });

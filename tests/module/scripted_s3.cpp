@@ -332,9 +332,6 @@ S3Status S3_set_option(S3Option, int64_t) {
 S3Status S3_set_thread_default_host(const char*) {
     return S3StatusOK;
 }
-S3Status S3_set_admin_entry(const char*) {
-    return S3StatusOK;
-}
 
 const char* S3_get_status_name(S3Status status) {
     const auto number = static_cast<size_t>(status);

@@ -97,12 +97,19 @@ TEST_F(UserInfo, TheUserCallbackMayRefuse) {
     EXPECT_EQ(recorder.status, S3StatusOutOfMemory);
 }
 
-TEST_F(UserInfo, TheAdministrationPathCanBeSet) {
-    server_.then(reply(200, {}, R"({"user_id":"u"})"));
-    ASSERT_EQ(S3_set_admin_entry("/ops/v1/"), S3StatusOK);
-    EXPECT_EQ(ask("u").status, S3StatusOK);
-    ASSERT_EQ(S3_set_admin_entry(nullptr), S3StatusOK);
-    EXPECT_EQ(server_.requests()[0].target, "/ops/v1/user?format=json&uid=u");
+TEST_F(UserInfo, TheBucketIsTheEntryOfTheAdministrationInterface) {
+    for (const S3UriStyle style : {S3UriStylePath, S3UriStyleVirtualHost}) {
+        for (const char* entry : {"ops/v1", "/ops/v1/"}) {
+            server_.then(reply(200, {}, R"({"user_id":"u"})"));
+            S3BucketContext where = context();
+            where.bucketName = entry;
+            where.uriStyle = style;
+            Recorder recorder;
+            RG_get_user_info(&where, "u", nullptr, &s3test::kUser, &recorder);
+            EXPECT_EQ(recorder.status, S3StatusOK);
+            EXPECT_EQ(server_.requests().back().target, "/ops/v1/user?format=json&uid=u");
+        }
+    }
 }
 
 }  // namespace
