@@ -389,7 +389,8 @@ TEST_F(LiveStore, TellsAUsersKeys) {
     RG_get_user_info(&where, "no-such-user", nullptr, &s3test::kUser, &missing);
     EXPECT_EQ(missing.status, S3StatusHttpErrorNotFound) << S3_get_status_name(missing.status);
     Recorder refused;
-    const S3BucketContext plain = context();
+    S3BucketContext plain = context();
+    plain.bucketName = nullptr;
     RG_get_user_info(&plain, name.c_str(), nullptr, &s3test::kUser, &refused);
     EXPECT_EQ(refused.status, S3StatusErrorAccessDenied) << S3_get_status_name(refused.status);
 }
