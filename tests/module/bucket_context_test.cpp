@@ -1,6 +1,7 @@
 // Where requests on a bucket go: host, region, credentials, the probe and its cache.
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "module_fixture.h"
@@ -332,6 +333,26 @@ TEST_F(BucketContext, CredentialHookIsNotAskedForAForbiddenBucket) {
     S3BucketContext context{};
     release_result(zorvan_i_s3_bucket_context(session, "/b/x", "b", &context));
     EXPECT_EQ(refresh_calls, 0);
+}
+
+TEST_F(BucketContext, ManyThreadsShareTheCache) {
+    session_for("s3.amazonaws.com", "us-east-1");
+    s3_respond(S3Kind::head_object, [](const S3Call& call) {
+        return region_reply(call.context.bucket == "west" ? "us-west-2" : "eu-west-2");
+    });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([this, t] {
+            const char* bucket = t % 2 == 0 ? "west" : "east";
+            for (int i = 0; i < 200; ++i) {
+                S3BucketContext context{};
+                EXPECT_EQ(zorvan_i_s3_bucket_context(session, "/x/y", bucket, &context), ZORVAN_SUCCESS);
+                EXPECT_STREQ(context.authRegion, t % 2 == 0 ? "us-west-2" : "eu-west-2");
+                EXPECT_STREQ(context.bucketName, bucket);
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
 }
 
 // ------------------------------------------------------------------------------------- the endpoint table

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -23,6 +24,7 @@ void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
 char* __real_zorvan_libc_strdup(const char* text);
+time_t __real_time(time_t* seconds);
 int __real_MD5_Init(void* context);
 int __real_MD5_Update(void* context, const void* bytes, size_t length);
 int __real_MD5_Final(unsigned char* digest, void* context);
@@ -51,6 +53,7 @@ ThreadMode thread_mode = ThreadMode::real;
 int thread_errno = 0;
 int thread_requests = 0;
 std::function<void()> after_at_once;
+std::function<int64_t()> own_clock;
 std::vector<Body> kept;
 std::vector<int64_t> wanted_sleeps;
 
@@ -95,6 +98,7 @@ void faults_reset() {
     thread_errno = 0;
     thread_requests = 0;
     after_at_once = nullptr;
+    own_clock = nullptr;
     kept.clear();
     wanted_sleeps.clear();
 }
@@ -134,6 +138,11 @@ void fail_next_thread(int errno_value) {
 void set_after_at_once(std::function<void()> hook) {
     const std::lock_guard lock(mutex);
     after_at_once = std::move(hook);
+}
+
+void set_clock(std::function<int64_t()> clock) {
+    const std::lock_guard lock(mutex);
+    own_clock = std::move(clock);
 }
 
 int run_deferred_threads() {
@@ -199,6 +208,13 @@ static void record_sleep(int64_t microseconds) {
     wanted_sleeps.push_back(microseconds);
 }
 
+static time_t tell_time() {
+    if (!in_module) return __real_time(nullptr);
+    const OutOfModule outside;
+    const std::lock_guard lock(mutex);
+    return own_clock ? static_cast<time_t>(own_clock()) : __real_time(nullptr);
+}
+
 static bool refuse_allocation(size_t size) {
     return refuse(size);
 }
@@ -208,6 +224,8 @@ static bool refuse_md5(Md5Step step) {
 
 }  // namespace module_test
 
+// A sanitizer's runtime may refer to the wrapped allocators: they must not be hidden.
+#pragma GCC visibility push(default)
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
@@ -224,6 +242,12 @@ void* __wrap_realloc(void* memory, size_t size) {
 
 char* __wrap_strdup(const char* text) {
     return module_test::refuse_allocation(std::strlen(text) + 1) ? nullptr : __real_strdup(text);
+}
+
+time_t __wrap_time(time_t* seconds) {
+    const time_t now = module_test::tell_time();
+    if (seconds != nullptr) *seconds = now;
+    return now;
 }
 
 int __wrap_MD5_Init(void* context) {
@@ -262,6 +286,7 @@ void __wrap_zorvan_libc_usleep(int64_t microseconds) {
 }
 
 }  // extern "C"
+#pragma GCC visibility pop
 
 void* operator new(size_t size) {
     void* memory = module_test::refuse_allocation(size) ? nullptr : __real_malloc(size == 0 ? 1 : size);

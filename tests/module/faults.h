@@ -52,6 +52,9 @@ long allocations_made();
 enum class Md5Step { none, init, update, finalize };
 void fail_md5(Md5Step step);
 
+/// What time() tells the module; an empty function = the real time.
+void set_clock(std::function<int64_t()> clock);
+
 /// How zorvan_thread_create behaves.
 enum class ThreadMode {
     real,      ///< starts a thread

@@ -158,17 +158,4 @@ TEST_F(ModuleBase, DestroyFreesEverythingASessionOwns) {
     EXPECT_STREQ(borrowed_region, "region");
 }
 
-TEST_F(ModuleBase, UnknownCommandIsAnsweredAsUnsupported) {
-    activate();
-    login();
-    Operation op;
-    const zorvan_gridftp_server_command_info_t info{999, "/b/k", 0, -1, nullptr, nullptr};
-    iface->command(&op, &info, session);
-    ASSERT_TRUE(op.wait_finished());
-    EXPECT_EQ(op.finish().kind, Ending::command);
-    EXPECT_EQ(op.finish().result, ZORVAN_FAILURE);
-    EXPECT_EQ(op.finish().text, std::nullopt);
-    op.close();
-}
-
 }  // namespace

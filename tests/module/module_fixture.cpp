@@ -29,6 +29,7 @@ struct ModuleTest::Records {
     std::deque<std::unique_ptr<Record<zorvan_gridftp_server_stat_info_t>>> stats;
     std::deque<std::unique_ptr<Record<zorvan_gridftp_server_transfer_info_t>>> transfers;
     std::deque<std::unique_ptr<Record<zorvan_gridftp_server_session_info_t>>> sessions;
+    std::deque<std::unique_ptr<Record<zorvan_gridftp_server_command_info_t>>> commands;
 };
 
 namespace {
@@ -189,6 +190,22 @@ void ModuleTest::call_recv(Operation& op, const std::string& path, int64_t alloc
     records_->transfers.push_back(std::move(record));
     const InModule inside;
     iface->recv(&op, info, session);
+}
+
+void ModuleTest::call_command(Operation& op, int code, const std::optional<std::string>& path,
+                              const std::optional<std::string>& from,
+                              const std::optional<std::string>& algorithm, int64_t offset, int64_t length) {
+    auto record = std::make_unique<Records::Record<zorvan_gridftp_server_command_info_t>>();
+    record->path = path.value_or("");
+    record->checksum = from.value_or("");
+    record->algorithm = algorithm.value_or("");
+    record->info = {
+        code,   path ? record->path.c_str() : nullptr,           offset,
+        length, algorithm ? record->algorithm.c_str() : nullptr, from ? record->checksum.c_str() : nullptr};
+    const auto* info = &record->info;
+    records_->commands.push_back(std::move(record));
+    const InModule inside;
+    iface->command(&op, info, session);
 }
 
 void ModuleTest::release_records() {

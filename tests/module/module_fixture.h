@@ -67,6 +67,11 @@ class ModuleTest : public ::testing::Test {
     void call_recv(Operation& op, const std::string& path, int64_t alloc_size, bool truncate = true,
                    const std::optional<std::string>& checksum = std::nullopt,
                    const std::optional<std::string>& algorithm = std::nullopt);
+    /// A command; absent texts are null.
+    void call_command(Operation& op, int code, const std::optional<std::string>& path,
+                      const std::optional<std::string>& from = std::nullopt,
+                      const std::optional<std::string>& algorithm = std::nullopt, int64_t offset = 0,
+                      int64_t length = -1);
     /// Release the records of entry calls now.
     void release_records();
 

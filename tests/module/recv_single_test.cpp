@@ -235,6 +235,24 @@ TEST_F(RecvSingle, OneByteTooManyIsTheWriteError) {
     expect_write_error(op);
 }
 
+TEST_F(RecvSingle, SurplusIsFoundByTheReadsAfterTheRequest) {
+    // With one read at a time none is outstanding when the request ends: one more finds the surplus.
+    Operation op;
+    op.concurrency = 1;
+    op.send_in_blocks(bytes(129));
+    run(op, 128);
+    expect_write_error(op);
+}
+
+TEST_F(RecvSingle, EndOfTheDataIsReadAfterTheRequest) {
+    Operation op;
+    op.concurrency = 1;
+    upload(op, bytes(128));
+    expect_success(op);
+    EXPECT_EQ(op.accepted, 3);
+    EXPECT_EQ(op.finish_at_callback, 3);
+}
+
 TEST_F(RecvSingle, BlockThatCrossesTheAnnouncedSizeAbortsTheRequest) {
     Operation op;
     op.send_in_blocks(bytes(300));

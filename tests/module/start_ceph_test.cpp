@@ -404,6 +404,29 @@ TEST_F(StartCeph, EveryAllocationThatFailsEndsTheStartOnce) {
     EXPECT_TRUE(went_through);
 }
 
+TEST_F(StartCeph, KeyThatCannotBeCopiedAbortsTheLookup) {
+    activate();
+    Reply reply;
+    reply.keys = std::vector<UserKey>{{"alice", "A1", "S1"}};
+    reply.before = [] { fail_allocation(1); };
+    reply.after = [] { fail_allocation(0); };
+    s3_script(S3Kind::user_info, reply);
+    expect_no_key(run());
+    EXPECT_EQ(s3_calls(S3Kind::user_info).at(0).status, S3StatusOutOfMemory);
+    EXPECT_TRUE(log_holds("exit status=2: OutOfMemory\n"));
+}
+
+TEST_F(StartCeph, SecretThatCannotBeCopiedAbortsTheLookup) {
+    activate();
+    Reply reply;
+    reply.keys = std::vector<UserKey>{{"alice", "A1", "S1"}};
+    reply.before = [] { fail_allocation(2); };
+    reply.after = [] { fail_allocation(0); };
+    s3_script(S3Kind::user_info, reply);
+    expect_no_key(run());
+    EXPECT_EQ(s3_calls(S3Kind::user_info).at(0).status, S3StatusOutOfMemory);
+}
+
 TEST_F(StartCeph, UnknownUserLeadsToTheNoAccessKeyError) {
     activate();
     const auto finish = run(std::nullopt, "bob");

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "stat.h"
 #include "stat_fixture.h"
 
 using namespace module_test;
@@ -183,6 +184,46 @@ TEST_F(Stat, ModeTextsOfFileAndDirectory) {
     stat("/b/f", true);
     EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_stat_add", "Adding stat result for f [mode=-rwx------ size=5]"));
 }
+
+struct ModeText {
+    uint32_t mode;
+    const char* text;
+};
+
+class StatModes : public StatTest, public ::testing::WithParamInterface<ModeText> {};
+
+TEST_P(StatModes, IsPrintedLikeThis) {
+    const auto& [mode, text] = GetParam();
+    Operation op;
+    zorvan_i_s3_stat_request_t request;
+    request.op = &op;
+    zorvan_gridftp_server_stat_t entry = zorvan_i_s3_stat_directory("name", 1, 2);
+    entry.mode = mode;
+    entry.size = 123456789012;
+    zorvan_i_s3_stat_add(&request, entry);
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_stat_add",
+                       std::string("Adding stat result for name [mode=") + text + " size=123456789012]"))
+        << log_text();
+    EXPECT_EQ(request.stat_count, 1u);
+    EXPECT_NE(request.stats[0].name, entry.name) << "the name is copied";
+    std::free(const_cast<char*>(request.stats[0].name));
+    request.stat_count = 0;
+    op.finishes.emplace_back();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, StatModes,
+    ::testing::Values(ModeText{S_IFREG | 0000, "----------"}, ModeText{S_IFDIR | 0700, "drwx------"},
+                      ModeText{S_IFIFO | 0400, "pr--------"}, ModeText{S_IFCHR | 0200, "c-w-------"},
+                      ModeText{S_IFBLK | 0100, "b--x------"}, ModeText{S_IFLNK | 0777, "lrwxrrxrrx"},
+                      ModeText{S_IFSOCK | 0040, "s---r-----"}, ModeText{0, "*---------"},
+                      ModeText{S_IFREG | 0020, "-----r----"}, ModeText{S_IFREG | 0010, "------x---"},
+                      ModeText{S_IFREG | 0004, "-------r--"}, ModeText{S_IFREG | 0002, "--------r-"},
+                      ModeText{S_IFREG | 0001, "---------x"}, ModeText{S_IFREG | 04100, "---s------"},
+                      ModeText{S_IFREG | 04000, "---S------"}, ModeText{S_IFREG | 02010, "------s--T"},
+                      ModeText{S_IFREG | 02000, "------S--T"}, ModeText{S_IFREG | 02001, "------S--x"},
+                      ModeText{S_IFREG | 01001, "---------t"}, ModeText{S_IFREG | 01000, "----------"},
+                      ModeText{S_IFREG | 07777, "-rwsrrsrrt"}));
 
 // --------------------------------------------------------------------------------------------- failures
 

@@ -1,0 +1,278 @@
+// The checksum command.
+#include <cerrno>
+
+#include "command_fixture.h"
+#include "transfer_fixture.h"
+
+using namespace module_test;
+
+namespace {
+
+constexpr const char* etag_md5 = "0123456789abcdef0123456789abcdef";
+constexpr const char* other_md5 = "FFFFFFFFFFFFFFFFffffffffffffffff";
+constexpr const char* multipart_etag = "\"0123456789abcdef0123456789abcdef-3\"";
+
+class ChecksumCommand : public CommandTest {
+  protected:
+    std::unique_ptr<Operation> sum(const std::string& path = "/b/k", int64_t offset = 0,
+                                   int64_t length = -1) {
+        return command(cksm, path, std::nullopt, "md5", offset, length);
+    }
+    static size_t downloads() { return s3_calls(S3Kind::get_object).size(); }
+    static Object& object(const std::string& data, const Text& etag, Pairs metadata = {}) {
+        auto& made = s3_object("b", "k", data);
+        made.properties.etag = etag;
+        made.properties.metadata = std::move(metadata);
+        return made;
+    }
+};
+
+TEST_F(ChecksumCommand, EtagOfASingleUploadAnswers) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    auto op = sum();
+    expect_success(*op, etag_md5);
+    EXPECT_EQ(downloads(), 0u);
+    EXPECT_EQ(s3_calls(S3Kind::head_object).at(0).key, "k");
+    EXPECT_TRUE(logged("DEBUG", "Setting md5sum=\"0123456789abcdef0123456789abcde from etag") ||
+                logged("DEBUG", std::string("Setting md5sum=") + etag_md5 + " from etag"))
+        << log_text();
+    EXPECT_TRUE(
+        logged("INFO", "finished_command: op=" + pointer_text(op.get()) + " result=0 checksum=" + etag_md5));
+    EXPECT_TRUE(
+        logged("INFO", "REST: op=" + pointer_text(op.get()) + " S3_head_object(bucket=b, key=k) try=0"));
+}
+
+TEST_F(ChecksumCommand, HeadResponseIsLogged) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    sum();
+    EXPECT_TRUE(logged("DEBUG", "requestId= requestId2= contentType= contentLength=4 server= eTag=\"" +
+                                    std::string(etag_md5) + "\" lastModified=1600000000"))
+        << log_text();
+}
+
+TEST_F(ChecksumCommand, AlgorithmIgnoresCase) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    for (const auto* algorithm : {"MD5", "Md5", "md5"})
+        expect_success(*command(cksm, "/b/k", std::nullopt, algorithm), etag_md5);
+}
+
+TEST_F(ChecksumCommand, OtherAlgorithmsAreRefused) {
+    for (const auto& algorithm : {std::string("sha1"), std::string("md5 "), std::string(""),
+                                  std::string(5000, 'x'), std::string("%s%n")}) {
+        auto op = command(cksm, "/b/k", std::nullopt, algorithm);
+        EXPECT_EQ(op->finish().error.type, 6);
+        EXPECT_EQ(op->finish().error.text, "Unknown checksum algorithm \"" + algorithm + "\"");
+        expect_end_line(*op, std::nullopt);
+    }
+    EXPECT_TRUE(s3_calls(S3Kind::head_object).empty());
+}
+
+TEST_F(ChecksumCommand, LengthOfTheWholeObjectIsTheWholeObject) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    expect_success(*sum("/b/k", 0, 4), etag_md5);
+    EXPECT_EQ(downloads(), 0u);
+}
+
+TEST_F(ChecksumCommand, MultipartObjectIsHashedOnceAndThenCached) {
+    object("some data", multipart_etag);
+    auto op = sum();
+    expect_success(*op, md5_of("some data"));
+    EXPECT_TRUE(logged("INFO", "op=" + pointer_text(op.get()) + " no_md5_metadata_available"));
+    const auto gets = s3_calls(S3Kind::get_object);
+    ASSERT_EQ(gets.size(), 1u);
+    EXPECT_EQ(gets[0].start, 0u);
+    EXPECT_EQ(gets[0].count, 0u);
+    EXPECT_FALSE(gets[0].conditions);
+    expect_success(*sum(), md5_of("some data"));
+    EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, ChangedObjectIsHashedAgain) {
+    object("some data", multipart_etag);
+    sum();
+    object("other data", "\"0123456789abcdef0123456789abcdef-4\"");
+    expect_success(*sum(), md5_of("other data"));
+    EXPECT_EQ(downloads(), 2u);
+}
+
+TEST_F(ChecksumCommand, MetadataIsTrustedMoreThanTheEtag) {
+    object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", other_md5}});
+    expect_success(*sum(), other_md5);
+    EXPECT_TRUE(logged("DEBUG", std::string("Setting md5sum=") + other_md5 + " from metadata"));
+    EXPECT_EQ(downloads(), 0u);
+}
+
+TEST_F(ChecksumCommand, MetadataOfAnotherLengthIsPassedOver) {
+    object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", "abc"}});
+    expect_success(*sum(), etag_md5);
+    object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", "abc"}, {"md5", other_md5}});
+    expect_success(*sum(), other_md5);
+    object("data", "\"" + std::string(etag_md5) + "\"", {{"MD5", other_md5}, {"md5x", other_md5}});
+    expect_success(*sum(), etag_md5);
+}
+
+TEST_F(ChecksumCommand, MetadataThatIsNoMd5DisablesTheEtag) {
+    const std::string bad = std::string(31, 'a') + "g";
+    object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", bad}});
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 1u);
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 1u) << "the cache knows it now";
+}
+
+TEST_F(ChecksumCommand, EncryptedObjectNeverTakesItsEtag) {
+    object("data", "\"" + std::string(etag_md5) + "\"").properties.encryption = 2;
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, EtagWithOtherLettersIsNoMd5) {
+    object("data", "\"0123456789abcdef0123456789abcdeg\"");
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, MissingEtagIsHashedAndNotCached) {
+    object("data", std::nullopt);
+    expect_success(*sum(), md5_of("data"));
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 2u);
+}
+
+TEST_F(ChecksumCommand, RangeIsDownloadedAndNeverCached) {
+    std::string data;
+    for (int i = 0; i < 300; ++i)
+        data += static_cast<char>('a' + i % 26);
+    object(data, "\"" + std::string(etag_md5) + "\"");
+    expect_success(*sum("/b/k", 10, 100), md5_of(data.substr(10, 100)));
+    const auto gets = s3_calls(S3Kind::get_object);
+    ASSERT_EQ(gets.size(), 1u);
+    EXPECT_EQ(gets[0].start, 10u);
+    EXPECT_EQ(gets[0].count, 100u);
+    expect_success(*sum("/b/k", 10, 100), md5_of(data.substr(10, 100)));
+    EXPECT_EQ(downloads(), 2u);
+    expect_success(*sum("/b/k", 10, -1), md5_of(data.substr(10)));
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(2).count, 0u);
+}
+
+TEST_F(ChecksumCommand, RangeThatCoversAMultipartObjectIsNotCached) {
+    object("some data", multipart_etag);
+    expect_success(*sum("/b/k", 0, 9), md5_of("some data"));
+    expect_success(*sum("/b/k", 0, 9), md5_of("some data"));
+    EXPECT_EQ(downloads(), 2u);
+}
+
+TEST_F(ChecksumCommand, CacheServesALengthOfTheWholeObjectToo) {
+    object("some data", multipart_etag);
+    sum();
+    expect_success(*sum("/b/k", 0, 9), md5_of("some data"));
+    EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, EmptyObject) {
+    object("", multipart_etag);
+    expect_success(*sum(), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST_F(ChecksumCommand, BlocksArriveInPieces) {
+    const std::string data(10000, 'q');
+    object(data, multipart_etag);
+    s3_push_size(7);
+    expect_success(*sum(), md5_of(data));
+}
+
+TEST_F(ChecksumCommand, ProgressRepliesFollowTheInterval) {
+    // Every look at the clock is a second later.
+    int64_t now = 1000;
+    set_clock([&] { return now++; });
+    update_interval = 5;
+    s3_push_size(10);
+    object(std::string(600, 'q'), multipart_etag);
+    auto op = sum();
+    expect_success(*op, md5_of(std::string(600, 'q')));
+    EXPECT_GE(op->intermediate.size(), 8u);
+    EXPECT_LE(op->intermediate.size(), 12u);
+    int64_t before = 0;
+    for (const auto& [result, text] : op->intermediate) {
+        EXPECT_EQ(result, ZORVAN_SUCCESS);
+        EXPECT_GT(std::stol(text), before);
+        before = std::stol(text);
+    }
+    EXPECT_LE(before, 600);
+    EXPECT_GE(std::stol(op->intermediate.at(0).second), 40);
+}
+
+TEST_F(ChecksumCommand, NoIntervalNoProgress) {
+    int64_t now = 1000;
+    set_clock([&] { return now += 100; });
+    s3_push_size(10);
+    object(std::string(600, 'q'), multipart_etag);
+    EXPECT_TRUE(sum()->intermediate.empty());
+}
+
+TEST_F(ChecksumCommand, HeadFailureIsReportedWithoutASum) {
+    s3_bucket("b");
+    auto op = sum("/b/dir/k");
+    expect_ftp(op->finish().error, 550, "PATH_NOT_FOUND", "GridFTP-Path: \"b/dir/k\"");
+    EXPECT_EQ(op->finish().text, std::nullopt);
+    EXPECT_EQ(downloads(), 0u);
+    EXPECT_TRUE(
+        logged("DEBUG", "S3_head_object: op=" + pointer_text(op.get()) + " status=HttpErrorNotFound[132]"));
+}
+
+TEST_F(ChecksumCommand, DownloadFailureIsReportedWithoutASum) {
+    object("data", multipart_etag);
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorAccessDenied);
+    auto op = sum();
+    expect_ftp(op->finish().error, 550, "PERMISSION_DENIED", std::nullopt);
+    EXPECT_EQ(op->finish().text, std::nullopt);
+    expect_success(*sum(), md5_of("data"));
+}
+
+TEST_F(ChecksumCommand, HeadAndDownloadHaveRetriesOfTheirOwn) {
+    object("data", multipart_etag);
+    s3_fail(S3Kind::head_object, 1, S3StatusErrorSlowDown);
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorSlowDown);
+    auto op = sum();
+    expect_success(*op, md5_of("data"));
+    EXPECT_EQ(sleeps(), (std::vector<int64_t>{100000, 100000}));
+    EXPECT_TRUE(
+        logged("INFO", "REST: op=" + pointer_text(op.get()) + " S3_get_object(bucket=b, key=k) try=1"));
+}
+
+TEST_F(ChecksumCommand, Md5StateIsNotResetBetweenTries) {
+    object("data", multipart_etag);
+    Reply reply;
+    reply.status = S3StatusConnectionFailed;
+    reply.data = "da";
+    reply.properties = Properties{};
+    s3_on_call(S3Kind::get_object, 1, reply);
+    auto op = sum();
+    EXPECT_EQ(op->finish().text, md5_of("dadata"));
+}
+
+TEST_F(ChecksumCommand, FailingMd5Steps) {
+    object("data", multipart_etag);
+    fail_md5(Md5Step::init);
+    auto first = sum();
+    EXPECT_EQ(first->finish().error.text, "System error in malloc");
+    EXPECT_EQ(downloads(), 0u);
+    fail_md5(Md5Step::update);
+    auto second = sum();
+    EXPECT_EQ(second->finish().error.type, 6);
+    EXPECT_EQ(second->finish().error.text, "MD5_Update error");
+    EXPECT_EQ(second->finish().text, std::nullopt);
+    EXPECT_NE(s3_calls(S3Kind::get_object).at(0).status, S3StatusOK);
+    fail_md5(Md5Step::none);
+}
+
+TEST_F(ChecksumCommand, BucketPathHasANullKeyAndIsNoCrash) {
+    s3_bucket("b");
+    auto op = sum("/b");
+    EXPECT_EQ(s3_calls(S3Kind::head_object).at(0).key, std::nullopt);
+    EXPECT_EQ(op->finishes.size(), 1u);
+    s3_fail(S3Kind::head_object, 2, S3StatusErrorAccessDenied);
+    EXPECT_TRUE(sum("/b")->finish().error.present);
+}
+
+}  // namespace
