@@ -42,16 +42,17 @@ int serve(const options& wanted) {
     if (!wanted.backend_options.empty()) config.backend_options = wanted.backend_options;
 
     const users_file users = users_file::load(config.users_file);
-    if (wanted.check) {
-        std::printf("%s: good\n", wanted.config.c_str());
-        return 0;
-    }
     std::string error;
     if (!configure_log(config.log_level, config.log_file, error)) return fail(error);
 
     const std::unique_ptr<backend> module =
         backend::load(config.module_dir, config.backend_name, config.backend_options, error);
     if (!module) return fail(error);
+    if (wanted.check) {
+        module->deactivate();
+        std::printf("%s: good\n", wanted.config.c_str());
+        return 0;
+    }
 
     bool idle = false;
     {
@@ -82,7 +83,7 @@ int main(int count, char** arguments) {
     options wanted;
     CLI::App app("FTP and GridFTP gateway to object stores", "zorvan-gridftp-server");
     app.add_option("--config", wanted.config, "configuration file (TOML)")->required();
-    app.add_flag("--check", wanted.check, "check the configuration and the users file, then end");
+    app.add_flag("--check", wanted.check, "check configuration, users file and back end, then end");
     app.add_option("--log-level", wanted.log_level, "error, warning, transfer, info or debug")
         ->check(CLI::IsMember({"error", "warning", "transfer", "info", "debug"}));
     app.add_option("--module-dir", wanted.module_dir, "folder of the back-end module");

@@ -72,6 +72,10 @@ class stall_timer {
     bool stalled_ = false;
 };
 
+bool says_not_found(const operation_error& error) {
+    return error.ftp_word == "PATH_NOT_FOUND" || error.errno_value == ENOENT;
+}
+
 std::string bucket_path(const std::string& path) {
     const auto end = path.find('/', 1);
     return end == std::string::npos ? path : path.substr(0, end);
@@ -289,7 +293,13 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
     if (request.append) {
         collecting_stat_sink sink;
         const auto found = co_await self.stat(request.path, true, sink);
-        // A name that is not there, or cannot be looked at, is for the store itself to judge.
+        // Only a name that is surely not there makes this an ordinary store: what could not be looked at would
+        // be overwritten.
+        if (found.error && !says_not_found(*found.error)) {
+            outcome.error = found.error;
+            outcome.aborted = self.stopped();
+            co_return outcome;
+        }
         request.write_offset = !found.error && !sink.records.empty() && !S_ISDIR(sink.records.front().mode)
                                    ? sink.records.front().size
                                    : 0;

@@ -217,13 +217,33 @@ TEST_F(spooled, appending_to_what_is_not_there_is_an_ordinary_store) {
     log_in();
     reading_backend();
     the_script().stat = [](op_handle op, auto) {
-        zorvan_gridftp_server_finished_stat(op, new_error("not found"), nullptr, 0);
+        zorvan_gridftp_server_finished_stat(op,
+                                            zorvan_error_put(zorvan_gfs_ftp_response_error_construct(
+                                                nullptr, nullptr, 550, "PATH_NOT_FOUND", nullptr)),
+                                            nullptr, 0);
     };
     auto request = unknown();
     request.append = true;
     EXPECT_FALSE(upload(pattern(50), request).error);
     EXPECT_EQ(write_offset, 0);
     EXPECT_EQ(truncate, 1);
+}
+
+TEST_F(spooled, appending_to_what_cannot_be_looked_at_overwrites_nothing) {
+    log_in();
+    reading_backend();
+    the_script().stat = [](op_handle op, auto) {
+        zorvan_gridftp_server_finished_stat(op,
+                                            zorvan_error_put(zorvan_gfs_ftp_response_error_construct(
+                                                nullptr, nullptr, 451, "TOO_BUSY", nullptr)),
+                                            nullptr, 0);
+    };
+    auto request = unknown();
+    request.append = true;
+    const auto result = upload(pattern(50), request);
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->ftp_word, "TOO_BUSY");
+    EXPECT_EQ(receives, 0);
 }
 
 TEST_F(spooled, a_second_upload_to_a_path_waits_for_the_first_ones_finish) {
