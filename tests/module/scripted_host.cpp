@@ -191,7 +191,7 @@ void zorvan_gridftp_server_operation_s::record_finish(Finish finish) {
         const std::lock_guard lock(mutex);
         finishes.push_back(std::move(finish));
         if (finishes.size() == 1) {
-            finish_at_callback = delivered;
+            finish_at_callback = begun_;
             hook = on_finished;
         }
     }
@@ -269,6 +269,7 @@ void zorvan_gridftp_server_operation_s::deliver() {
         changed_.wait(lock, [&] { return closing_ || deliverable(); });
         if (!deliverable()) return;
         if (held_) --granted_;
+        ++begun_;
         if (!pending_writes_.empty())
             deliver_write(lock);
         else

@@ -147,7 +147,7 @@ struct zorvan_gridftp_server_operation_s {
     int max_outstanding = 0;
     int accepted = 0;             ///< registrations that were accepted
     int delivered = 0;            ///< callbacks that have returned
-    int finish_at_callback = -1;  ///< callbacks that had returned when the first finished call came
+    int finish_at_callback = -1;  ///< callbacks that had begun when the first finished call came
 
     /// The first finished call; asserts that there was one.
     const module_test::Finish& finish() const;
@@ -200,6 +200,7 @@ struct zorvan_gridftp_server_operation_s {
     bool broken_ = false;
     bool held_ = false;
     int granted_ = 0;
+    int begun_ = 0;
     bool closing_ = false;
     bool closed_ = false;
     uint32_t random_ = 12345;
