@@ -237,7 +237,10 @@ task<void> stream_receiver::run() {
             start_connect();
             if (!announced_start_) {
                 const auto deadline = std::chrono::steady_clock::now() + connect_grace;
-                while (!connect_settled() && !aborted_ && co_await op_.event().wait_until(deadline)) {
+                // Not in one condition: g++ 12 awaits the right side of && whatever the left one says.
+                bool in_time = true;
+                while (in_time && !connect_settled() && !aborted_) {
+                    in_time = co_await op_.event().wait_until(deadline);
                 }
                 if (!(connect_settled() && !stream_) && !aborted_) {
                     announced_start_ = true;
