@@ -124,7 +124,8 @@ class Gateway:
     # -- leaks ------------------------------------------------------------------------------------------------------
     def client_sockets(self):
         """The server's sockets that belong to clients: neither its listener nor connections to the store, as
-        "local remote state" texts. Empty once every session and every data connection is gone."""
+        "local remote state" texts, and those that the peer has reset but the server has not closed ("reset INODE").
+        Empty once every session and every data connection is gone."""
         inodes = set()
         for name in os.listdir(f"/proc/{self.process.pid}/fd"):
             try:
@@ -140,12 +141,17 @@ class Gateway:
             for line in Path(f"/proc/{self.process.pid}/net/{table}").read_text().splitlines()[1:]:
                 fields = line.split()
                 local, remote, state, inode = fields[1], fields[2], fields[3], fields[9]
-                if inode not in inodes or remote.endswith(store_port):
+                if inode not in inodes:
+                    continue
+                inodes.remove(inode)
+                if remote.endswith(store_port):
                     continue
                 if state == "0A" and local.endswith(own_port):
                     continue
                 found.append(f"{local} {remote} {state}")
-        return found
+        for line in Path(f"/proc/{self.process.pid}/net/unix").read_text().splitlines()[1:]:
+            inodes.discard(line.split()[6])  # to the service manager, for one
+        return found + [f"reset {inode}" for inode in inodes]
 
     def spool_files(self):
         """Names in the spool folder, and open files of it that have no name any more."""
@@ -175,5 +181,5 @@ class Gateway:
 
     def wait_idle(self):
         """Returns when no session, data connection or spool file is left; fails when that does not come to pass."""
-        wait_for(lambda: not self.client_sockets(), f"no client socket is left ({self.client_sockets()})", 30)
-        wait_for(lambda: not self.spool_files(), f"no spool file is left ({self.spool_files()})", 30)
+        wait_for(lambda: not self.client_sockets(), f"no client socket is left ({self.client_sockets()})", 12)
+        wait_for(lambda: not self.spool_files(), f"no spool file is left ({self.spool_files()})", 12)
