@@ -5,9 +5,9 @@
 packages_build=(
   g++ cmake ninja-build pkg-config ccache lld git
   libcurl4-openssl-dev libssl-dev libpugixml-dev libjansson-dev
-  libboost1.81-dev libtomlplusplus-dev libcli11-dev libspdlog-dev libfmt-dev prometheus-cpp-dev
-  libcrypt-dev libpam0g-dev libsystemd-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libboost1.81-dev libtomlplusplus-dev libcli11-dev libspdlog-dev libfmt-dev
+  libcrypt-dev
+  libgtest-dev libgmock-dev
 )
 packages_demo=(python3 python3-boto3 whois curl)
 packages_test=(python3 python3-pytest python3-pytest-timeout python3-boto3 lftp curl whois binutils util-linux)
