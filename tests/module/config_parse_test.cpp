@@ -61,6 +61,36 @@ TEST_F(ConfigParse, DefaultsStandWhenTheFileIsEmpty) {
     EXPECT_EQ(zorvan_i_s3_rg_admin_secret_access_key, nullptr);
 }
 
+TEST_F(ConfigParse, ProcessBeginsWithTheDefaults) {
+    const auto defaults = defaults_of_the_process();
+    EXPECT_TRUE(defaults.no_texts);
+    EXPECT_TRUE(defaults.https);
+    EXPECT_FALSE(defaults.virtual_host);
+    EXPECT_TRUE(defaults.verify_peer);
+    EXPECT_EQ(defaults.max_retries, 1);
+    EXPECT_EQ(defaults.retry_delay_ms, 100);
+    EXPECT_EQ(defaults.part_size, 0);
+    EXPECT_EQ(defaults.restore_days, 4);
+}
+
+TEST_F(ConfigParse, LargestNumbersAreAccepted) {
+    activate("max_retries = 2147483647\nretry_delay = 0\npart_size = 9223372036854775807\n");
+    EXPECT_EQ(zorvan_i_s3_max_retries, 2147483647);
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, 0);
+    EXPECT_EQ(zorvan_i_s3_part_size, 9223372036854775807);
+}
+
+TEST_F(ConfigParse, IntegerBeyond32BitsIsRefused) {
+    expect_int_refused("2147483648");
+}
+
+TEST_F(ConfigParse, ReadingIsTracedOnceTheLogIsOpen) {
+    activate("host_name = h # a comment\n");
+    ASSERT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_config_parse", "parsing config file " + path_of("ceph.conf")));
+    EXPECT_TRUE(log_says("parsing line [1]: host_name = h # a comment"));
+}
+
 TEST_F(ConfigParse, EveryKeyOfBothTablesIsStored) {
     const auto types = write_file("mime.types", "text/plain txt\n");
     activate("host_name = h.example:1\ndefault_region = r1\nmime_types_path = " + types +

@@ -189,7 +189,7 @@ TEST_F(DebugLog, SuccessAndFailureOfAResult) {
 TEST_F(DebugLog, PlainFailureIsPrintedWithoutAnObject) {
     activate();
     zorvan_i_s3_log_result("f", ZORVAN_FAILURE);
-    EXPECT_TRUE(log_holds("f: result=0xffffffff message=")) << log_text();
+    EXPECT_TRUE(log_says("f: result=0xffffffff message=")) << log_text();
 }
 
 TEST_F(DebugLog, HandlerExitNamesTheStatus) {

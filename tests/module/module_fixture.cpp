@@ -39,6 +39,23 @@ void set_back(char*& text) {
     text = nullptr;
 }
 
+Defaults read_settings() {
+    return {zorvan_i_s3_default_hostname == nullptr && zorvan_i_s3_default_region == nullptr &&
+                zorvan_i_s3_mime_type_file == nullptr && zorvan_i_s3_restore_tier == nullptr &&
+                zorvan_i_s3_rg_admin_bucket == nullptr && zorvan_i_s3_rg_admin_access_key_id == nullptr &&
+                zorvan_i_s3_rg_admin_secret_access_key == nullptr,
+            zorvan_i_s3_https,
+            zorvan_i_s3_use_virtual_host,
+            zorvan_i_s3_verify_peer,
+            zorvan_i_s3_max_retries,
+            zorvan_i_s3_retry_delay_ms,
+            zorvan_i_s3_restore_days,
+            zorvan_i_s3_part_size};
+}
+
+// Read before main(): every test sets the settings back.
+const Defaults first_settings = read_settings();
+
 // Settings as they stand before the first activation of a process.
 void reset_settings() {
     set_back(zorvan_i_s3_default_hostname);
@@ -58,6 +75,10 @@ void reset_settings() {
 }
 
 }  // namespace
+
+Defaults defaults_of_the_process() {
+    return first_settings;
+}
 
 ModuleTest::ModuleTest() : records_(std::make_unique<Records>()) {}
 ModuleTest::~ModuleTest() = default;
@@ -246,8 +267,18 @@ bool ModuleTest::logged(std::string_view level, std::string_view function, std::
     return false;
 }
 
-bool ModuleTest::log_holds(std::string_view message) {
-    return log_text().find(message) != std::string::npos;
+bool ModuleTest::log_holds(std::string_view part) {
+    return log_text().find(part) != std::string::npos;
+}
+
+bool ModuleTest::log_says(std::string_view message) {
+    const auto log = log_text();
+    for (auto at = log.find(message); at != std::string::npos; at = log.find(message, at + 1)) {
+        // It follows its header, or the line of a thread that came in between.
+        if (at == 0 || log[at - 1] == '\n') return true;
+        if (at >= 2 && log.compare(at - 2, 2, ": ") == 0) return true;
+    }
+    return false;
 }
 
 int ModuleTest::host_logged(int level, const std::string& text) {

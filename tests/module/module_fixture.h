@@ -27,6 +27,14 @@ namespace module_test {
 /// A configuration with which log-in works.
 extern const char* const standard_config;
 
+/// The settings that a process begins with.
+struct Defaults {
+    bool no_texts, https, virtual_host, verify_peer;
+    int max_retries, retry_delay_ms, restore_days;
+    long long part_size;
+};
+Defaults defaults_of_the_process();
+
 /// One statement of the debug log.
 struct LogLine {
     std::string level;
@@ -81,8 +89,10 @@ class ModuleTest : public ::testing::Test {
     /// Whether there is such a statement.
     bool logged(std::string_view level, std::string_view message);
     bool logged(std::string_view level, std::string_view function, std::string_view message);
-    /// Whether the message stands anywhere in the log; for several threads at once.
-    bool log_holds(std::string_view message);
+    /// Whether these characters stand anywhere in the log.
+    bool log_holds(std::string_view part);
+    /// Whether a message begins like this; also when several threads log at once.
+    bool log_says(std::string_view message);
     /// Host log lines of that level and text.
     static int host_logged(int level, const std::string& text);
 

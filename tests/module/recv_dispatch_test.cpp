@@ -186,6 +186,7 @@ TEST_F(RecvDispatch, ForbiddenBucketFinishesTwiceWithOneResult) {
     ASSERT_EQ(op.finishes.size(), 2u);
     expect_ftp(op.finish().error, 550, "PERMISSION_DENIED", std::nullopt);
     EXPECT_EQ(threads_asked_for(), threads);
+    EXPECT_FALSE(log_holds("finished_transfer: op=" + pointer_text(&op)));
     op.close();
 }
 

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "receive.h"
 #include "transfer_fixture.h"
 
 using namespace module_test;
@@ -398,8 +399,8 @@ TEST_F(RecvSingle, BufferTakenInPiecesIsCompactedInPlace) {
     upload(op, data);
     expect_success(op);
     EXPECT_EQ(puts().at(0).body, data);
-    EXPECT_TRUE(log_holds("partial_buffer_copy: op=" + pointer_text(&op) + " bytes_copied=10\n"));
-    EXPECT_TRUE(log_holds("add_to_pending_buffers: op=" + pointer_text(&op) + " s3_buffer=0x"));
+    EXPECT_TRUE(log_says("partial_buffer_copy: op=" + pointer_text(&op) + " bytes_copied=10\n"));
+    EXPECT_TRUE(log_says("add_to_pending_buffers: op=" + pointer_text(&op) + " s3_buffer=0x"));
 }
 
 TEST_F(RecvSingle, SteadyStateAllocatesNoFurtherBuffers) {
@@ -462,6 +463,19 @@ TEST_F(RecvSingle, EarlyFailureDrainsTheReads) {
     EXPECT_EQ(op.finish_at_callback, op.accepted) << "the transfer ends when no read is outstanding";
 }
 
+TEST_F(RecvSingle, BytesThatArriveAfterTheFailureAreReported) {
+    Operation op;
+    op.concurrency = 4;
+    op.hold();
+    Reply refused = put_reply(S3StatusErrorAccessDenied);
+    refused.after = [&] { op.release(); };
+    s3_script(S3Kind::put_object, refused);
+    upload(op, bytes(64 * 100));
+    EXPECT_EQ(op.delivered, 4);
+    EXPECT_EQ(op.bytes_updates,
+              (std::vector<std::pair<int64_t, int64_t>>{{64, 0}, {64, 64}, {64, 128}, {64, 192}}));
+}
+
 TEST_F(RecvSingle, RetryBeforeDataWasTakenSendsTheWholeBody) {
     const auto data = bytes(300);
     s3_fail(S3Kind::put_object, 1, S3StatusErrorSlowDown);
@@ -472,9 +486,9 @@ TEST_F(RecvSingle, RetryBeforeDataWasTakenSendsTheWholeBody) {
     EXPECT_EQ(puts()[1].body, data);
     EXPECT_EQ(sleeps(), std::vector<int64_t>{100000});
     const auto handle = pointer_text(&op);
-    EXPECT_TRUE(log_holds("REST: op=" + handle + " S3_put_object(bucket=b, key=dir/f) try=0\n"));
-    EXPECT_TRUE(log_holds("REST: op=" + handle + " S3_put_object(bucket=b, key=dir/f) try=1\n"));
-    EXPECT_TRUE(log_holds("S3_put_object: op=" + handle + " status=ErrorSlowDown[120]\n"));
+    EXPECT_TRUE(log_says("REST: op=" + handle + " S3_put_object(bucket=b, key=dir/f) try=0\n"));
+    EXPECT_TRUE(log_says("REST: op=" + handle + " S3_put_object(bucket=b, key=dir/f) try=1\n"));
+    EXPECT_TRUE(log_says("S3_put_object: op=" + handle + " status=ErrorSlowDown[120]\n"));
 }
 
 TEST_F(RecvSingle, FailureAfterDataWasTakenIsFinal) {
@@ -606,8 +620,18 @@ TEST_F(RecvSingle, LogOfAnUpload) {
           std::string("Waiting for current offset 0 to be ready\n"),
           "recv_single_data: op=" + handle + " buffer_size=3 buffer=0x",
           "finished_transfer: op=" + handle + " result=0\n"})
-        EXPECT_TRUE(log_holds(message)) << message;
+        EXPECT_TRUE(log_says(message)) << message;
     EXPECT_TRUE(log_holds(" nbytes=3 offset=0 eof=0 user_arg=0x"));
+}
+
+TEST_F(RecvSingle, FunctionsLogUnderTheirOwnNames) {
+    Operation op;
+    upload(op, "abc");
+    for (const auto* name : {"zorvan_i_s3_recv", "zorvan_i_s3_recv_single", "zorvan_l_s3_recv_single_thread",
+                             "zorvan_l_s3_recv_register_reads", "zorvan_l_s3_recv_single_read_callback",
+                             "zorvan_l_s3_recv_single_data", "zorvan_l_s3_recv_single_properties",
+                             "zorvan_l_s3_recv_single_complete"})
+        EXPECT_TRUE(log_holds(std::string("s3: TRACE: ") + name + ": ")) << name;
 }
 
 TEST_F(RecvSingle, EntryTouchesNothingAfterItsThreadWasMade) {
@@ -660,6 +684,32 @@ TEST_F(RecvSingle, ManyUploadsAtOnce) {
         ASSERT_NE(object, nullptr);
         EXPECT_EQ(object->data, bytes(64 * 50, static_cast<unsigned>(i)));
     }
+}
+
+using RecvSingleDeathTest = RecvSingle;
+
+TEST_F(RecvSingleDeathTest, CompletionWithoutAStateIsAnAssertion) {
+    EXPECT_DEATH(zorvan_i_s3_receive_complete("f", "recv_single", S3StatusOK, nullptr, nullptr),
+                 "Assertion transfer_state != NULL failed in file recv_single at line [0-9]+\n");
+}
+
+TEST_F(RecvSingleDeathTest, UnknownBufferIsAnAssertion) {
+    zorvan_i_s3_receive_rules_t rules{};
+    rules.source_file = "recv_single";
+    rules.read_line_end = "\n";
+    rules.register_function = "r";
+    rules.read_function = "f";
+    Operation op;
+    unsigned char buffer[4] = {};
+    EXPECT_DEATH(
+        {
+            zorvan_i_s3_receive_t state;
+            state.rules = &rules;
+            state.op = &op;
+            zorvan_i_s3_receive_read_completed(&state, 0, buffer, 1, 0, 0);
+        },
+        "Assertion s3_buffer != NULL failed in file recv_single at line [0-9]+\n");
+    op.finishes.emplace_back();
 }
 
 }  // namespace

@@ -331,7 +331,7 @@ TEST_F(StartCeph, FailingInitialisationIsMapped) {
     expect_s3(finish.error, s3_text("initialization", S3StatusInternalError));
     EXPECT_EQ(finish.session_handle, nullptr);
     EXPECT_EQ(threads_asked_for(), 0);
-    EXPECT_TRUE(log_holds("S3_initialize returns: 1")) << log_text();
+    EXPECT_TRUE(log_says("S3_initialize returns: 1")) << log_text();
     bool at_error = false;
     for (const auto& line : log_lines())
         at_error =
@@ -413,7 +413,7 @@ TEST_F(StartCeph, KeyThatCannotBeCopiedAbortsTheLookup) {
     s3_script(S3Kind::user_info, reply);
     expect_no_key(run());
     EXPECT_EQ(s3_calls(S3Kind::user_info).at(0).status, S3StatusOutOfMemory);
-    EXPECT_TRUE(log_holds("exit status=2: OutOfMemory\n"));
+    EXPECT_TRUE(log_says("exit status=2: OutOfMemory\n"));
 }
 
 TEST_F(StartCeph, SecretThatCannotBeCopiedAbortsTheLookup) {
