@@ -86,7 +86,7 @@ build_preset() {
   local suite targets=()
   for suite in "${suites[@]}"; do
     case $suite in
-      e2e) targets+=(zorvan-gridftp-server zorvan_gridftp_server_ceph zorvan-devstore) ;;
+      e2e) targets+=(zorvan-gridftp-server zorvan_gridftp_server_ceph zorvan-devstore zorvan_s3_tests) ;;
       devstore) targets+=(zorvan-devstore) ;;
       layers) targets+=(all) ;;
       lint) ;;

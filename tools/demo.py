@@ -22,6 +22,7 @@ from pathlib import Path
 
 import boto3
 import botocore.config
+import botocore.exceptions
 
 ROOT = Path(__file__).resolve().parent.parent
 USER, BUCKET = "alice", "demo-bucket"
@@ -206,7 +207,7 @@ The gateway listens on {host}, port {port}. User {USER}, password {password}.
 
   lftp -u {USER},{password} -e 'set ftp:ssl-allow no; ls {BUCKET}/files' ftp://{host}:{port}
   curl -u {USER}:{password} ftp://{host}:{port}/{BUCKET}/files/
-  curl -u {USER}:{password} -T README.md ftp://{host}:{port}/{BUCKET}/new/
+  curl -u {USER}:{password} -T LICENSE ftp://{host}:{port}/{BUCKET}/files/
   python3 -c 'from ftplib import FTP; f = FTP(); f.connect("{host}", {port}); f.login("{USER}", "{password}"); f.dir("{BUCKET}")'
 """
 
@@ -262,6 +263,7 @@ if __name__ == "__main__":
     except KeyboardInterrupt:
         say("\ndemo interrupted, everything is cleaned up")
         sys.exit(130)
-    except (DemoError, ftplib.Error, OSError, EOFError) as error:
+    except (DemoError, ftplib.Error, OSError, EOFError, botocore.exceptions.BotoCoreError,
+            botocore.exceptions.ClientError) as error:
         say(f"demo failed: {error}")
         sys.exit(1)
