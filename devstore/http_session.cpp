@@ -221,8 +221,9 @@ asio::awaitable<std::size_t> session::read_chunked(std::span<char> room) {
 }
 
 asio::awaitable<std::size_t> session::read_body(std::span<char> room) {
-    if (!body_pending()) co_return 0;
+    // Also for an empty body: the real gateway does, and botocore waits for it.
     if (expects_continue_) co_await send_continue();
+    if (!body_pending()) co_return 0;
     if (fault_) {
         // Room is narrowed so that the fault strikes at its byte.
         for (const auto& [limit, is_cut] :

@@ -55,14 +55,15 @@ def expecting(store, target, size, keys=ALICE, **headers):
 
 def test_continue_comes_before_the_body(store, s3, bucket):
     with Peer(store) as peer:
-        for data in (b"first", b"second"):
+        for data in (b"", b"first", b"second"):
             peer.head("PUT", f"/{bucket}/k", expecting(store, f"/{bucket}/k", len(data)))
             assert peer.reply()[0] == 100
             peer.send(data)
             assert peer.reply()[0] == 200
     assert s3.get_object(Bucket=bucket, Key="k")["Body"].read() == b"second"
     entries = [e for e in store.log() if e["method"] == "PUT" and e["path"] == f"/{bucket}/k"]
-    assert [(e["continue"], e["bytes_in"], e["status"]) for e in entries] == [(True, 5, 200), (True, 6, 200)]
+    assert [(e["continue"], e["bytes_in"], e["status"]) for e in entries] == [(True, 0, 200), (True, 5, 200),
+                                                                                 (True, 6, 200)]
     assert len({e["connection"] for e in entries}) == 1
 
 
