@@ -56,11 +56,13 @@ class tcp_stream final : public data_stream {
 
     task<io_result> read_some(asio::mutable_buffer buffer) override {
         if (ended_) {
-            // The end shows once only: a second read would wait for an event that does not come again.
-            co_return io_result{asio::error::eof, 0};
+            // An end or a reset shows once only: a second read would wait for what does not come again.
+            co_return io_result{ended_, 0};
         }
         auto [error, bytes] = co_await socket_.async_read_some(buffer, tuple_awaitable);
-        ended_ = error == asio::error::eof;
+        if (error != asio::error::operation_aborted) {
+            ended_ = error;
+        }
         co_return io_result{error, bytes};
     }
 
@@ -107,7 +109,7 @@ class tcp_stream final : public data_stream {
 
   private:
     asio::ip::tcp::socket socket_;
-    bool ended_ = false;
+    boost::system::error_code ended_;
 };
 
 }  // namespace
