@@ -48,13 +48,16 @@ class stall_timer {
     stall_timer& operator=(const stall_timer&) = delete;
     task<io_result> read(asio::mutable_buffer buffer) {
         timer_.expires_after(limit_);
-        timer_.async_wait([this, alive = alive_](const boost::system::error_code& error) {
-            if (!error && *alive) {
+        // An expiry that is queued when the read ends is none of the next read's.
+        timer_.async_wait([this, alive = alive_, number = ++reads_](const boost::system::error_code& error) {
+            if (!error && *alive && reading_ && number == reads_) {
                 stalled_ = true;
                 stream_.reset();
             }
         });
+        reading_ = true;
         auto result = co_await stream_.read_some(buffer);
+        reading_ = false;
         timer_.cancel();
         co_return result;
     }
@@ -70,6 +73,8 @@ class stall_timer {
     std::chrono::milliseconds limit_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     bool stalled_ = false;
+    bool reading_ = false;
+    std::uint64_t reads_ = 0;
 };
 
 bool says_not_found(const operation_error& error) {
@@ -293,8 +298,8 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
     if (request.append) {
         collecting_stat_sink sink;
         const auto found = co_await self.stat(request.path, true, sink);
-        // Only a name that is surely not there makes this an ordinary store: what could not be looked at would
-        // be overwritten.
+        // Only a name that is surely not there makes this an ordinary store: what could not be looked at
+        // would be overwritten.
         if (found.error && !says_not_found(*found.error)) {
             outcome.error = found.error;
             outcome.aborted = self.stopped();

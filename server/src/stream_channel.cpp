@@ -92,14 +92,15 @@ void stream_channel::note_failures_locked() {
 void stream_channel::waiting_for_client() noexcept {
     waiting_ = true;
     waiting_since_ = std::chrono::steady_clock::now();
-    if (!watch_armed_) {
+    if (!watch_armed_ && !watch_stopped_) {
         arm_watch();
     }
 }
 
 void stream_channel::stop_watch() noexcept {
     waiting_ = false;
-    watch_armed_ = true;  // never again
+    // A cancel comes too late for an expiry that is queued already: it must not arm the timer again.
+    watch_stopped_ = true;
     watch_.cancel();
 }
 
@@ -112,7 +113,7 @@ void stream_channel::arm_watch() {
     watch_armed_ = true;
     watch_.expires_at((waiting_ ? waiting_since_ : std::chrono::steady_clock::now()) + config_.data_stall);
     watch_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
-        if (error) {
+        if (error || watch_stopped_) {
             return;
         }
         if (waiting_ && std::chrono::steady_clock::now() - waiting_since_ >= config_.data_stall) {

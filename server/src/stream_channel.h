@@ -67,6 +67,7 @@ class stream_channel : public transfer_channel {
 
     asio::steady_timer watch_;
     bool watch_armed_ = false;
+    bool watch_stopped_ = false;
     bool waiting_ = false;
     bool stalled_ = false;
     std::chrono::steady_clock::time_point waiting_since_;

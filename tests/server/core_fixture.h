@@ -420,6 +420,14 @@ class core_test : public ::testing::Test {
     void close_session() {
         on_strand([this] { session.reset(); });
     }
+    /// Wait until no back-end code runs any more: for tests whose entries use the test's own variables after
+    /// they have finished their operation.
+    void settle() {
+        if (session) {
+            close_session();
+        }
+        EXPECT_TRUE(shared->wait_idle(30s));
+    }
     void abort() {
         on_strand([this] { session->abort(); });
     }

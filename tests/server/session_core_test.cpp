@@ -115,6 +115,8 @@ TEST_F(session_core_test, the_session_is_destroyed_after_its_last_operation_ende
     EXPECT_EQ(destroyed_sessions, 0);
     EXPECT_EQ(shared->counters().sessions, 1u);
     return_now.raise();
+    settle();
+    EXPECT_EQ(destroyed_sessions, 1);
 }
 
 TEST_F(session_core_test, entries_of_one_session_are_called_one_at_a_time) {
@@ -136,6 +138,7 @@ TEST_F(session_core_test, entries_of_one_session_are_called_one_at_a_time) {
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
     return_now.raise();
     EXPECT_FALSE(result_of(std::move(second)).error);
+    settle();
 }
 
 TEST_F(session_core_test, a_command_gets_its_arguments_and_reports_progress) {
