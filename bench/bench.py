@@ -11,7 +11,6 @@ seconds from the client's last byte to the 226. Nothing here decides a test.
 
 import argparse
 import contextlib
-import crypt
 import json
 import os
 import re
@@ -94,9 +93,10 @@ def rados_gateway(work, objectstore):
     folder = work / "rgw"
     run(script, "start", folder, "--objectstore", objectstore, "--capacity", 32, "--quiet")
     try:
-        users = json.loads((folder / "users.json").read_text())
+        told = json.loads((folder / "users.json").read_text())
+        keys = {user["uid"]: user["keys"][0] for user in told["users"]}
         pids = [int(path.read_text()) for path in folder.glob("**/*.pid")]
-        yield Store(users["endpoint"], users["admin"]["keys"][0], users["alice"]["keys"][0], pids)
+        yield Store(told["endpoint"], keys["admin"], keys["alice"], pids)
     finally:
         run(script, "stop", folder, "--wipe")
 
@@ -119,7 +119,7 @@ def gateway(work, build, store, block_size, concurrency):
     module.write_text(f"host_name = {store.host}\nuse_https = no\npart_size = 5368709120\n"
                       f"ceph_rgw_admin_access_key_id = {store.admin[0]}\nceph_rgw_admin_secret_access_key = {store.admin[1]}\n")
     users = work / "users"
-    users.write_text("alice:" + crypt.crypt("secret", crypt.mksalt(crypt.METHOD_SHA256, rounds=1000)) + "\n")
+    users.write_text("alice:" + run("mkpasswd", "--method=sha256crypt", "--rounds=1000", "secret"))
     tuning = "".join(f"{key} = {value}\n" for key, value in (("block_size", block_size), ("concurrency", concurrency)) if value)
     config = work / "server.toml"
     config.write_text(f'[server]\nlisten = ["127.0.0.1:0"]\nport_file = "{work}/server.port"\n{tuning}'
