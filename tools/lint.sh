@@ -65,7 +65,7 @@ tidy_one() {
     fi
     stamp=$LINT_STAMPS/$({ echo "$LINT_COMMON $command"; cat "$source"; } | sha256sum | cut -d' ' -f1)
     [[ -e $stamp ]] && return 0
-    if output=$("$LINT_TIDY" --quiet -p "$(dirname "$LINT_COMMANDS")" "$source" 2>&1); then
+    if output=$("$LINT_TIDY" --quiet --extra-arg=-Wno-unknown-warning-option -p "$(dirname "$LINT_COMMANDS")" "$source" 2>&1); then
         : >"$stamp"
     else
         printf '%s\n' "$output" | grep -vE '^[0-9]+ warnings? (generated|treated as errors?)|^Suppressed|^Use -header-filter'

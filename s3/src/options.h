@@ -29,7 +29,6 @@ LibraryState library_state(std::string_view host);
 /// The host for a context that names none: the thread's, else that of the latest S3_initialize.
 std::string default_host();
 
-
 /// "host:port" or "[v6]:port" without the port, in lower case.
 std::string host_without_port(std::string_view host);
 

@@ -12,9 +12,9 @@ _Static_assert(sizeof(RGUserKey) == 352, "key");
 int s3_interface_in_c(void);
 
 static S3ResponseCompleteCallback remember_status;
-static void remember_status(S3Status status, const S3ErrorDetails *details, void *data) {
+static void remember_status(S3Status status, const S3ErrorDetails* details, void* data) {
     (void)details;
-    *(S3Status *)data = status;
+    *(S3Status*)data = status;
 }
 
 /* Returns the status of a request that is refused before anything is sent. */
