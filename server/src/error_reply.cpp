@@ -15,6 +15,14 @@ namespace {
 std::string coded_reply(const operation_error& error) {
     if (error.text_lines.empty() && error.cause_first_line.empty())
         return reply(error.ftp_code, error.ftp_word);
+    if (error.origin == error_origin::server) {
+        // The server's own refusals have no cause; clients that show only the last line are to show the text.
+        std::vector<std::string> lines = error.text_lines;
+        const std::string last = lines.back();
+        lines.pop_back();
+        return multi_line_reply(error.ftp_code, error.ftp_word, lines, last,
+                                std::to_string(error.ftp_code) + "-");
+    }
     return multi_line_reply(error.ftp_code, error.ftp_word, error.text_lines, error.cause_first_line,
                             std::to_string(error.ftp_code) + "-");
 }

@@ -105,6 +105,9 @@ TEST_F(ErrorReply, TheChannelsOwnFailures) {
         "426 The data connection failed.\r\n");
     EXPECT_EQ(error_reply(operation_error::server(552, "", "The spool is full."), error_context::transfer),
               "552 The spool is full.\r\n");
+    EXPECT_EQ(error_reply(operation_error::server(550, "INCORRECT_CHECKSUM", "They differ."),
+                          error_context::transfer),
+              "550-INCORRECT_CHECKSUM\r\n550 They differ.\r\n");
     EXPECT_EQ(error_reply(operation_error::server(550, "INCORRECT_CHECKSUM", ""), error_context::transfer),
               "550 INCORRECT_CHECKSUM\r\n");
 }
