@@ -26,6 +26,7 @@ import botocore.exceptions
 
 ROOT = Path(__file__).resolve().parent.parent
 USER, BUCKET = "alice", "demo-bucket"
+LARGE_SIZE = 128 << 20  # bytes at least; below one part
 
 
 class DemoError(RuntimeError):
@@ -239,7 +240,10 @@ def main():
         host, port = start_gateway(options, folder, endpoint, users, password, cleanup)
         say(f"  ok  gateway at {host}, port {port}")
         large = folder / "large.bin"
-        shutil.copyfile(options.build_dir / "bin" / "zorvan-gridftp-server", large)
+        piece = (options.build_dir / "lib" / "libzorvan_gridftp_server.so").read_bytes()
+        with open(large, "wb") as stream:
+            while stream.tell() < LARGE_SIZE:
+                stream.write(piece)
         with ftplib.FTP(timeout=120) as ftp:
             ftp.connect(host, port)
             ftp.login(USER, password)
