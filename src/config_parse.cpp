@@ -195,12 +195,14 @@ zorvan_result_t read_file(const zorvan_i_s3_trace_t& trace, const char* path) no
 
     ZORVAN_S3_LOG(trace, ZORVAN_S3_TRACE, "parsing config file %s\n", path);
     const std::unique_ptr<FILE, close_file_t> file(std::fopen(path, "r"));
-    if (!file) {
-        const int cause = errno;
+    const auto load_error = [path](int cause) {
         const zorvan_i_s3_text_t message(zorvan_common_create_string("Error loading config file %s: ", path));
         return zorvan_i_s3_system_error(cause, message ? message.get() : "malloc");
-    }
+    };
+    if (!file) return load_error(errno);
     zorvan_result_t result = parse_lines(trace, file.get(), path, general, gateway);
+    /* A folder can be opened but not read. */
+    if (result == ZORVAN_SUCCESS && std::ferror(file.get())) result = load_error(errno);
     if (result == ZORVAN_SUCCESS) result = zorvan_l_s3_config_check_required(path, general);
     if (result == ZORVAN_SUCCESS) result = zorvan_l_s3_config_check_required(path, gateway);
     return result;

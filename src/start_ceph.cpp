@@ -216,11 +216,18 @@ void zorvan_i_ceph_start(zorvan_gridftp_server_operation_t op,
     s3_handle->uri_style = zorvan_i_s3_use_virtual_host ? S3UriStyleVirtualHost : S3UriStylePath;
 
     char* policy_text = nullptr;
-    zorvan_gridftp_server_get_config_data(op, "config", &policy_text);
+    const bool told = zorvan_gridftp_server_get_config_data(op, "config", &policy_text) == ZORVAN_SUCCESS;
     const zorvan_i_s3_text_t policy(policy_text);
     bool known_scheme = true;
-    zorvan_result_t result = policy ? configure_from_policy(request.get(), policy.get(), &known_scheme)
-                                    : configure_from_settings(request.get(), __func__);
+    zorvan_result_t result = ZORVAN_SUCCESS;
+    if (!told) {
+        /* A policy that cannot be had is not the absence of one. */
+        result = zorvan_i_s3_malloc_error();
+    } else if (policy) {
+        result = configure_from_policy(request.get(), policy.get(), &known_scheme);
+    } else {
+        result = configure_from_settings(request.get(), __func__);
+    }
     if (result == ZORVAN_SUCCESS && !known_scheme) {
         /* Not an error on purpose: the host refuses a log-in without a session. */
         request.reset();

@@ -8,6 +8,7 @@
 #include "stat.h"
 
 #include <sys/stat.h>
+#include <algorithm>
 
 namespace {
 constexpr const char* source_file = "stat";
@@ -176,7 +177,7 @@ zorvan_gridftp_server_stat_t zorvan_i_s3_stat_file(const char* name, uint64_t si
                                                    uint32_t dev, uint32_t ino) noexcept {
     zorvan_gridftp_server_stat_t stat = zorvan_i_s3_stat_directory(name, dev, ino);
     stat.mode = zorvan_i_s3_stat_file_mode;
-    stat.size = static_cast<int64_t>(size);
+    stat.size = static_cast<int64_t>(std::min<uint64_t>(size, INT64_MAX)); /* no store has more */
     stat.mtime = mtime;
     return stat;
 }

@@ -18,6 +18,8 @@ struct JsonDeleter {
 };
 
 void set_field(ErrorReply& reply, const std::string& name, std::string value) {
+    // Stores send empty elements for what they do not say.
+    if (value.empty() && (name == "Message" || name == "Resource" || name == "FurtherDetails")) return;
     if (name == "Message") {
         reply.info.message = std::move(value);
     } else if (name == "Resource") {
@@ -29,15 +31,19 @@ void set_field(ErrorReply& reply, const std::string& name, std::string value) {
     }
 }
 
+// Real documents nest two or three levels; a hostile one must not use up the stack.
+constexpr int kDeepestElement = 16;
+
 void read_elements(const pugi::xml_node& parent, const std::string& path, ErrorReply& reply,
-                   std::string& code) {
+                   std::string& code, int depth = 0) {
+    if (depth == kDeepestElement) return;
     for (const pugi::xml_node& node : parent.children()) {
         if (node.type() != pugi::node_element) continue;
         const std::string name = path + std::string(local_name(node));
         const pugi::xml_node child =
             node.find_child([](const pugi::xml_node& inner) { return inner.type() == pugi::node_element; });
         if (child) {
-            read_elements(node, name + "/", reply, code);
+            read_elements(node, name + "/", reply, code, depth + 1);
         } else if (name == "Code") {
             code = trim(node.text().get());
         } else {

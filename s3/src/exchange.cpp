@@ -192,6 +192,9 @@ void Exchange::set_options(CURL* curl, const LibraryState& state) {
 void Exchange::set_upload_options(CURL* curl) {
     const auto length = static_cast<curl_off_t>(plan_.body->length());
     curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+    // When a reused connection is dead, curl repeats a request by itself; between two commits the object must
+    // be asked for, so a commit (slow, with a body of the caller's) gets a connection of its own.
+    if (plan_.slow && plan_.body->length() > 0) curl_easy_setopt(curl, CURLOPT_FRESH_CONNECT, 1L);
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, std::string(plan_.method).c_str());
     curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, length);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, &Exchange::on_read);
@@ -253,6 +256,8 @@ size_t Exchange::on_header(char* data, size_t size, size_t count, void* self) {
 
 size_t Exchange::on_body(char* data, size_t size, size_t count, void* self) {
     auto& exchange = *static_cast<Exchange*>(self);
+    // Enough of an error page: the outcome is known, and an endless one must end.
+    if (exchange.error_body_.size() >= kErrorBodyLimit) return 0;
     S3Status status = S3StatusOK;
     try {
         status = exchange.deliver({data, size * count});

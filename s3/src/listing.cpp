@@ -105,8 +105,8 @@ S3Status tell_page(const ObjectPage& page, const S3ListBucketHandler& handler, v
                                       static_cast<int>(prefixes.size()), prefixes.data(), callback_data);
 }
 
-void list_bucket(RequestPlan& plan, const S3ListBucketHandler& handler, void* callback_data,
-                 CallResult& call) {
+void list_bucket(RequestPlan& plan, std::string_view marker, const S3ListBucketHandler& handler,
+                 void* callback_data, CallResult& call) {
     ExchangeResult result = perform(plan);
     if (result.status != S3StatusOK) return set_result(call, std::move(result));
     const XmlReply document(result.body);
@@ -117,6 +117,9 @@ void list_bucket(RequestPlan& plan, const S3ListBucketHandler& handler, void* ca
     if (page.truncated && page.marker.empty())
         return fail(call, S3StatusInternalError,
                     "the listing goes on but names neither entries nor a marker");
+    // A store that does not move on would keep its caller for ever.
+    if (page.truncated && page.marker == marker)
+        return fail(call, S3StatusInternalError, "the listing repeats its page");
     call.status = deliver_properties(handler.responseHandler, callback_data, result.headers);
     if (call.status == S3StatusOK) call.status = tell_page(page, handler, callback_data);
 }
@@ -142,6 +145,6 @@ extern "C" void S3_list_bucket(const S3BucketContext* bucketContext, const char*
         add("marker", marker);
         if (maxkeys > 0) plan.query.emplace_back("max-keys", std::to_string(maxkeys));
         add("prefix", prefix);
-        s3::list_bucket(plan, *handler, callbackData, call);
+        s3::list_bucket(plan, marker != nullptr ? marker : "", *handler, callbackData, call);
     });
 }

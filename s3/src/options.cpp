@@ -89,7 +89,9 @@ S3Status initialize(const char* user_agent, int flags, const char* default_host)
         ignore_sigpipe_if_default();
     }
     p.user_agent = user_agent != nullptr && *user_agent != '\0' ? user_agent : kDefaultUserAgent;
-    p.verify_by_host[bare] = (flags & S3_INIT_VERIFY_PEER) != 0;
+    // Never weakened: a session without TLS has no say in the checks of one with TLS on the same host.
+    bool& verify = p.verify_by_host[bare];
+    verify = verify || (flags & S3_INIT_VERIFY_PEER) != 0;
     p.host = host;
     return S3StatusOK;
 }

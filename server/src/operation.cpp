@@ -133,6 +133,10 @@ operation::operation(operation_kind kind, std::shared_ptr<session_core> session,
       session_(std::move(session)) {}
 
 operation::~operation() {
+    // A registration may have come between the release and now.
+    for (const zorvan_result_t result : own_results_) {
+        release_result(result);
+    }
     // The session counts as alive until it is destroyed: what the channel holds of the spool goes back before
     // that.
     channel.reset();

@@ -162,7 +162,9 @@ task<void> handle_allo(session& client, std::string_view argument) {
         co_await client.answer(501, texts::bad_argument);
         co_return;
     }
-    client.parameters().announced_size = static_cast<std::uint64_t>(*size);
+    // In TYPE A the number of bytes on the wire is not that of the file: it says nothing.
+    const bool binds = client.parameters().type == representation_type::image;
+    client.parameters().announced_size = binds ? static_cast<std::uint64_t>(*size) : 0;
     co_await client.answer(200, texts::ok);
 }
 

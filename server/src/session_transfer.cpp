@@ -191,7 +191,7 @@ task<backend_session::implementation::spooled> backend_session::implementation::
             }
             if (reason != 0) {
                 result.error =
-                    operation_error::server(452, {}, "No room to receive an upload of unknown size.");
+                    operation_error::server(552, {}, "No room to receive an upload of unknown size.");
             }
             if (result.error || stopped()) {
                 break;
@@ -298,6 +298,12 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
     if (request.append) {
         collecting_stat_sink sink;
         const auto found = co_await self.stat(request.path, true, sink);
+        if (self.stopped()) {
+            // What the stat had to say was dropped.
+            outcome.error = aborted_error();
+            outcome.aborted = true;
+            co_return outcome;
+        }
         // Only a name that is surely not there makes this an ordinary store: what could not be looked at
         // would be overwritten.
         if (found.error && !says_not_found(*found.error)) {
