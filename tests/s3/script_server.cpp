@@ -2,6 +2,7 @@
 #include "script_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -114,6 +115,15 @@ size_t ScriptServer::steps_left() {
     return script_.size();
 }
 
+// Closes for good, so that the peer's next byte is answered with a reset: after a mere shutdown a peer whose
+// window is full by then would wait. The number stays taken.
+static void abandon(int socket) {
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (nothing < 0) return;
+    dup2(nothing, socket);
+    close(nothing);
+}
+
 void ScriptServer::drop_connections() {
     const std::lock_guard lock(mutex_);
     for (const int socket : sockets_)
@@ -186,6 +196,7 @@ bool ScriptServer::serve_one(int socket, int number, std::string& input) {
         const std::lock_guard lock(mutex_);
         requests_[index].body = request.body;
     }
+    if (step.close_after_body_bytes >= 0) abandon(socket);
     if (!whole || step.close_after_body_bytes >= 0) return false;
     if (!send_all(socket, step.answer ? step.answer(request) : step.reply)) return false;
     if (step.before_rest) {
