@@ -195,6 +195,11 @@ TEST_F(Connections, VerificationIsKeptPerHost) {
     EXPECT_TRUE(s3::library_state("strict.example:443").verify_peer);
     EXPECT_TRUE(s3::library_state("never.named").verify_peer);
     EXPECT_EQ(s3::default_host(), "strict.example");
+    // A session without TLS on the same host, and one whose first word was to check nothing.
+    ASSERT_EQ(S3_initialize(nullptr, S3_INIT_ALL, "strict.example:80"), S3StatusOK);
+    EXPECT_TRUE(s3::library_state("strict.example:443").verify_peer);
+    ASSERT_EQ(S3_initialize(nullptr, S3_INIT_ALL | S3_INIT_VERIFY_PEER, "loose.example"), S3StatusOK);
+    EXPECT_TRUE(s3::library_state("loose.example").verify_peer);
 }
 
 TEST_F(Connections, ManyThreadsManyRequests) {

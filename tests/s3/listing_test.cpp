@@ -79,6 +79,15 @@ TEST_F(Listings, AMissingMarkerIsTheLargerLastName) {
     EXPECT_EQ(nothing.events, Events{"complete"});
 }
 
+TEST_F(Listings, AStoreThatRepeatsItsPageIsStopped) {
+    server_.then(
+        reply(200, {},
+              page("<IsTruncated>true</IsTruncated><NextMarker>b</NextMarker>" + entry("a") + entry("b"))));
+    const Recorder listed = list(nullptr, "b");
+    EXPECT_EQ(listed.status, S3StatusInternalError);
+    EXPECT_EQ(listed.events, Events{"complete"});
+}
+
 TEST_F(Listings, EncodedNamesAreDecodedWhenTheReplySaysSo) {
     const std::string encoded = "<EncodingType>url</EncodingType><IsTruncated>true</IsTruncated>";
     server_

@@ -283,6 +283,19 @@ TEST_F(ObjectCalls, TheDocumentWinsOverTheHttpStatus) {
     EXPECT_EQ(get("key").status, S3StatusErrorUnknown);
 }
 
+TEST_F(ObjectCalls, HostileErrorDocumentsAreSurvived) {
+    std::string nested;
+    for (int i = 0; i < 50'000; ++i)
+        nested += "<a>";
+    nested += "x";
+    for (int i = 0; i < 50'000; ++i)
+        nested += "</a>";
+    server_.then(reply(404, {}, "<Error><Code>NoSuchKey</Code><Message></Message>" + nested + "</Error>"));
+    const Recorder recorder = get("key");
+    EXPECT_EQ(recorder.status, S3StatusErrorNoSuchKey);
+    EXPECT_FALSE(recorder.message) << "an empty element says nothing";
+}
+
 TEST_F(ObjectCalls, OtherErrorBodiesFallBackToTheHttpStatus) {
     server_
         .then(reply(403, {{"Content-Type", "text/html"}}, "<html><body><p>Proxy says no<br></body></html>"))
