@@ -445,11 +445,15 @@ typedef S3Status(S3ListMultipartUploadsResponseCallback)(int isTruncated, const 
                                                          int commonPrefixesCount, const char** commonPrefixes,
                                                          void* callbackData);
 
-/** One page of S3_list_parts, also when it is empty. The marker is null unless isTruncated. */
+/**
+ * One page of S3_list_parts, also when it is empty. The marker is null unless isTruncated. lastPartNumber is,
+ * in spite of its name, how many parts of this page were delivered before: always 0, a page comes in one
+ * call.
+ */
 typedef S3Status(S3ListPartsResponseCallback)(int isTruncated, const char* nextPartNumberMarker,
                                               const char* initiatorId, const char* initiatorDisplayName,
                                               const char* ownerId, const char* ownerDisplayName,
-                                              const char* storageClass, int partsCount,
+                                              const char* storageClass, int partsCount, int lastPartNumber,
                                               const S3ListPart* parts, void* callbackData);
 
 /** The user, once, after a 2xx reply that could be read. */

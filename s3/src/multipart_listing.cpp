@@ -76,7 +76,7 @@ void list_parts(RequestPlan& plan, const S3ListPartsHandler& handler, void* call
     call.status = handler.responseXmlCallback(
         truncated ? 1 : 0, truncated ? marker.c_str() : nullptr, people.initiator_id.c_str(),
         people.initiator_name.c_str(), text_or_null(people.owner_id), text_or_null(people.owner_name),
-        people.storage_class.c_str(), static_cast<int>(parts.size()), parts.data(), callback_data);
+        people.storage_class.c_str(), static_cast<int>(parts.size()), 0, parts.data(), callback_data);
 }
 
 struct ListedUpload {

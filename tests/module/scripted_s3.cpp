@@ -624,7 +624,7 @@ void S3_list_parts(const S3BucketContext* bucketContext, const char* key, const 
         const InModule inside;
         request.keep(handler->responseXmlCallback(
             reply.truncated ? 1 : 0, reply.next_part ? reply.next_part->c_str() : nullptr, nullptr, nullptr,
-            nullptr, nullptr, "STANDARD", static_cast<int>(parts.size()), parts.data(), callbackData));
+            nullptr, nullptr, "STANDARD", static_cast<int>(parts.size()), 0, parts.data(), callbackData));
     }
     request.complete();
 }

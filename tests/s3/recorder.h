@@ -2,6 +2,7 @@
 // request.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <libs3.h>
 
 #include <algorithm>
@@ -186,8 +187,9 @@ struct Recorder {
 
     static S3Status on_parts(int truncated, const char* marker, const char*, const char*,
                              const char* owner_id, const char* owner_name, const char* storage_class,
-                             int count, const S3ListPart* parts, void* data) {
+                             int count, int delivered_before, const S3ListPart* parts, void* data) {
         auto& self = *static_cast<Recorder*>(data);
+        EXPECT_EQ(delivered_before, 0);
         self.events.emplace_back("page");
         self.truncated = truncated != 0;
         self.marker = copy_of(marker);
