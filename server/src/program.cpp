@@ -16,10 +16,6 @@
 #include "server.h"
 #include "server_log.h"
 
-#ifndef ZORVAN_VERSION
-#define ZORVAN_VERSION "0.1.0"
-#endif
-
 namespace {
 
 using namespace zorvan::gridftp;
