@@ -250,7 +250,8 @@ typedef unsigned long zorvan_thread_t;
 typedef struct zorvan_threadattr_s zorvan_threadattr_t; /* reserved: pass null */
 
 /**
- * Start a detached thread, counted until `function` has returned.
+ * Start a detached thread, counted until `function` has returned and the destructors of its thread-specific
+ * values have run.
  * @param thread  receives an id for messages; may be null
  * @return 0, or an errno value (EAGAIN: no thread to be had)
  */

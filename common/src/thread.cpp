@@ -2,7 +2,8 @@
  * Detached worker threads and their number.
  *
  * Nobody joins a worker; a shutdown waits until the number is zero instead. A thread is counted from before
- * it starts until its function has returned, also when it leaves by pthread_exit. The mutex guards the number
+ * it starts until its function has returned, also when it leaves by pthread_exit, and what libraries keep for
+ * each thread was freed: whoever waits for the threads may end the process then. The mutex guards the number
  * alone.
  */
 #include <zorvan_common.h>
@@ -12,7 +13,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -47,9 +50,47 @@ struct Start {
     void* argument;
 };
 
+extern "C" void zorvan_thread_ended(void* value);
+
+/**
+ * A key of which every worker has a value, so that its destructor counts the worker out. Destructors of keys
+ * run in rounds, and a key whose destructor gives it a value again has another turn in the next one: the
+ * third comes after those of all others that need no more than two.
+ */
+class EndKey {
+  public:
+    EndKey() : error_(pthread_key_create(&key_, zorvan_thread_ended)) {}
+
+    /** @return false when the thread's end will not be noticed */
+    bool set(intptr_t turn) const {
+        return error_ == 0 && pthread_setspecific(key_, reinterpret_cast<void*>(turn)) == 0;
+    }
+
+    static constexpr intptr_t kLastTurn = 3;
+    static_assert(kLastTurn < PTHREAD_DESTRUCTOR_ITERATIONS);
+
+    static const EndKey& instance() {
+        static const EndKey key;
+        return key;
+    }
+
+  private:
+    pthread_key_t key_{};
+    int error_;
+};
+
+extern "C" void zorvan_thread_ended(void* value) {
+    const auto turn = reinterpret_cast<intptr_t>(value);
+    if (turn < EndKey::kLastTurn && EndKey::instance().set(turn + 1)) return;
+    running().leave();
+}
+
 extern "C" void* zorvan_thread_body(void* opaque) {
     struct Leave {
-        ~Leave() { running().leave(); }
+        const bool noticed = EndKey::instance().set(1);
+        ~Leave() {
+            if (!noticed) running().leave();
+        }
     } leave;
     const Start start = *std::unique_ptr<Start>(static_cast<Start*>(opaque));
     start.function(start.argument);

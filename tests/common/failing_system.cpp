@@ -14,6 +14,7 @@ namespace {
 constexpr long kNever = -1;
 
 thread_local long allocations_left = kNever;
+thread_local long failures_left = kNever;  // kNever: no end to them
 thread_local bool refused = false;
 std::atomic<int> thread_error = 0;
 std::atomic<long> blocks = 0;
@@ -24,6 +25,8 @@ bool allocation_fails() {
         --allocations_left;
         return false;
     }
+    if (failures_left == 0) return false;
+    if (failures_left > 0) --failures_left;
     refused = true;
     return true;
 }
@@ -89,8 +92,9 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 
 namespace zorvan::test {
 
-FailingAllocations::FailingAllocations(long after) {
+FailingAllocations::FailingAllocations(long after, long how_many) {
     refused = false;
+    failures_left = how_many;
     allocations_left = after;
 }
 

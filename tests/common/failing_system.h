@@ -9,10 +9,11 @@
 
 namespace zorvan::test {
 
-/** While it lives, this thread's allocation number `after` (0 = the next) and all later ones fail. */
+/** While it lives, this thread's allocation number `after` (0 = the next) fails, and all later ones or
+ * `how_many` in all. */
 class FailingAllocations {
   public:
-    explicit FailingAllocations(long after);
+    explicit FailingAllocations(long after, long how_many = -1);
     FailingAllocations(const FailingAllocations&) = delete;
     FailingAllocations& operator=(const FailingAllocations&) = delete;
     ~FailingAllocations();

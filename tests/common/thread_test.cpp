@@ -120,6 +120,45 @@ TEST_F(ThreadTest, SleepingForNothingOrLessReturns) {
     zorvan_libc_usleep(INT64_MIN);
 }
 
+TEST_F(ThreadTest, CountedUntilItsThreadSpecificValuesAreGone) {
+    struct Values {
+        pthread_key_t key{};
+        std::atomic<int> turns{0};
+        std::latch in_destructor{1};
+        std::latch may_end{1};
+    };
+    static Values* values;
+    Values here;
+    values = &here;
+    // Has a value once more after its first turn, as one library's destructor may bring another's value back.
+    ASSERT_EQ(pthread_key_create(
+                  &here.key,
+                  +[](void* value) {
+                      if (++values->turns == 1) {
+                          pthread_setspecific(values->key, value);
+                          return;
+                      }
+                      values->in_destructor.count_down();
+                      values->may_end.wait();
+                  }),
+              0);
+    ASSERT_EQ(zorvan_thread_create(
+                  nullptr, nullptr,
+                  +[](void* opaque) -> void* {
+                      EXPECT_EQ(pthread_setspecific(static_cast<Values*>(opaque)->key, opaque), 0);
+                      return nullptr;
+                  },
+                  &here),
+              0);
+    here.in_destructor.wait();
+    EXPECT_EQ(zorvan_thread_count(), 1U);
+    EXPECT_EQ(zorvan_thread_wait_all(0), 0);
+    here.may_end.count_down();
+    EXPECT_EQ(zorvan_thread_wait_all(60'000), 1);
+    EXPECT_EQ(here.turns, 2);
+    ASSERT_EQ(pthread_key_delete(here.key), 0);
+}
+
 std::atomic<int> signals_seen;
 
 TEST_F(ThreadTest, SignalsDoNotShortenASleep) {
