@@ -34,6 +34,8 @@ constexpr std::string_view help_text = R"(Control port of zorvan-devstore
 GET    /log                 {"requests":[{id, connection, method, path, query, headers, status, bytes_in, bytes_out,
                             continue, outcome}]}: all requests seen; outcome is running, done, cut or lost
 DELETE /log                 forgets them
+GET    /log/buckets         {"requests":[{method, bucket, parameters, agent, count}]}: all requests ever on buckets
+                            themselves, HEAD excepted; parameters are the names in the query
 POST   /clock               {"offset":S} shifts modification times and restores, {"request_offset":S} the time that
                             request dates are judged by; seconds, both optional
 POST   /users               {"users":[...]} in the form of the users file: adds or replaces users
@@ -155,6 +157,8 @@ answer respond(store& data, const http_request& request, const std::string& body
     if (what == "GET /") return {200, "text/plain", std::string(help_text)};
     if (what == "GET /log") {
         out.text = data.log.json();
+    } else if (what == "GET /log/buckets") {
+        out.text = data.log.on_buckets_json();
     } else if (what == "DELETE /log") {
         data.log.clear();
     } else if (what == "POST /clock") {

@@ -165,7 +165,9 @@ std::optional<fault_action> fault_plan::match(const http_request& request) {
             continue;
         }
         if (!entry.endless) --entry.count;
-        return entry.action;
+        auto action = entry.action;
+        action.generation = generation_;
+        return action;
     }
     return std::nullopt;
 }

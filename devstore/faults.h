@@ -43,6 +43,7 @@ struct fault_action {
     std::string etag;              ///< "wrong" or "missing", in headers and XML
     bool truncate_xml = false;     ///< a well-formed reply whose XML ends in the middle
     bool ignore_range = false;     ///< 200 and the whole object for a ranged GET
+    std::uint64_t generation = 0;  ///< of the rules that matched; a stall lasts as long as they do
 
     /// The reply is written by the rule, not by the operation.
     [[nodiscard]] bool answers() const { return status || body || !redirect.empty(); }
@@ -57,7 +58,7 @@ class fault_plan {
     void clear();
     /// The action for a request whose head was just read; counts the match. The first fitting rule wins.
     std::optional<fault_action> match(const http_request& request);
-    /// Changes with every clear(); a stall ends when it does.
+    /// Changes with every clear(); a stall ends when it is another than that of the match.
     [[nodiscard]] std::uint64_t generation() const;
 
   private:

@@ -132,9 +132,8 @@ void session::cut() {
 
 // Holds the exchange until the rules are cleared or the peer is gone.
 asio::awaitable<void> session::stall() {
-    const auto generation = data_.faults.generation();
     asio::steady_timer timer(co_await asio::this_coro::executor);
-    while (data_.faults.generation() == generation) {
+    while (data_.faults.generation() == fault_->generation) {
         pollfd state{stream_.socket().native_handle(), POLLRDHUP, 0};
         if (::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
             note("lost");
@@ -404,6 +403,7 @@ asio::awaitable<void> session::linger() {
 asio::awaitable<bool> session::exchange_once() {
     entry_ = {};
     entry_.id = data_.log.begin(number_, request_);
+    note_bucket_request(data_, request_);
     fault_ = data_.faults.match(request_);
     if (fault_ && fault_->delay_ms > 0) {
         asio::steady_timer timer(co_await asio::this_coro::executor);

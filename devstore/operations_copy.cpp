@@ -63,7 +63,7 @@ reply copy_object(exchange& x) {
     object->modified = x.data.clock.now();
     // The storage class is never inherited.
     const auto storage_class = attributes.storage_class;
-    object->attributes = replace ? std::move(attributes) : source->attributes;
+    object->attributes = replace ? attributes : source->attributes;
     object->attributes.storage_class = storage_class;
     const auto replaced =
         x.data.index.write(x.bucket, x.uid(), [&](bucket& b) { return b.store(x.key, object); });

@@ -37,6 +37,34 @@ void request_log::clear() {
     entries_.clear();
 }
 
+void request_log::count_on_bucket(const std::string& bucket, const http_request& request) {
+    bucket_request entry{request.method, bucket, std::string(request.header("user-agent")), {}};
+    for (const auto& parameter : request.query)
+        entry.parameters.insert(parameter.first);
+    const std::lock_guard lock(mutex_);
+    ++on_buckets_[entry];
+}
+
+std::string request_log::on_buckets_json() const {
+    json_ptr root(json_object());
+    json_t* const list = json_array();
+    json_object_set_new(root.get(), "requests", list);
+    const std::lock_guard lock(mutex_);
+    for (const auto& [entry, count] : on_buckets_) {
+        json_t* const item = json_object();
+        json_object_set_new(item, "method", json_from(entry.method));
+        json_object_set_new(item, "bucket", json_from(entry.bucket));
+        json_t* const parameters = json_array();
+        for (const auto& name : entry.parameters)
+            json_array_append_new(parameters, json_from(name));
+        json_object_set_new(item, "parameters", parameters);
+        json_object_set_new(item, "agent", json_from(entry.agent));
+        json_object_set_new(item, "count", json_integer(static_cast<json_int_t>(count)));
+        json_array_append_new(list, item);
+    }
+    return dump_json(root.get());
+}
+
 std::string request_log::json() const {
     json_ptr root(json_object());
     json_t* const list = json_array();

@@ -180,6 +180,12 @@ boost::asio::awaitable<http_response> dispatch(exchange& x, const std::optional<
 
 }  // namespace
 
+void note_bucket_request(store& data, const http_request& request) {
+    if (request.method == "HEAD" || admin_resource(request, data.config)) return;
+    const auto where = address_of(request, data.config);
+    if (!where.bucket.empty() && where.key.empty()) data.log.count_on_bucket(where.bucket, request);
+}
+
 std::string new_request_id(store& data) {
     std::array<char, 64> text{};
     const int n = std::snprintf(text.data(), text.size(), "tx%021llx-%010llx-1001-default",

@@ -115,3 +115,21 @@ def test_regions(make_store):
     away = store.s3(region="eu-west-3")
     away.put_object(Bucket="away", Key="k", Body=b"x")
     assert away.get_object(Bucket="away", Key="k")["Body"].read() == b"x"
+
+
+def test_requests_on_buckets_are_counted_for_good(store, s3, bucket):
+    def counted():
+        seen = store.control("GET", "/log/buckets")["requests"]
+        return {(entry["method"], tuple(entry["parameters"])): entry["count"] for entry in seen if entry["bucket"] == bucket}
+
+    before = counted()
+    s3.put_object(Bucket=bucket, Key="key", Body=b"x")
+    s3.delete_object(Bucket=bucket, Key="key")
+    s3.head_bucket(Bucket=bucket)
+    assert counted() == before
+    store.raw("GET", f"/{bucket}?prefix=a&delimiter=/")
+    store.control("DELETE", "/log")
+    # What an abort without its key does, here as on the gateway: the bucket is gone.
+    assert store.raw("DELETE", f"/{bucket}/?uploadId=x").status == 204
+    new = {what: count - before.get(what, 0) for what, count in counted().items() if count != before.get(what, 0)}
+    assert new == {("DELETE", ("uploadId",)): 1, ("GET", ("delimiter", "prefix")): 1}
