@@ -207,7 +207,11 @@ typedef enum {
     S3CannedAclBucketOwnerFullControl = 4
 } S3CannedAcl;
 
-/** Settings of the whole process, see S3_set_option. Units stand in the names, defaults in the comments. */
+/**
+ * Settings of the whole process, see S3_set_option. Units stand in the names, defaults in the comments. A
+ * variable of the environment replaces a default: S3OptionStallSeconds is ZORVAN_S3_STALL_SECONDS, and so on.
+ * It is read once, before the first use; a value out of range is named on standard error and left out.
+ */
 typedef enum {
     /** Seconds without progress on the socket after which a request ends (120). Time inside callbacks does
        not count. */
@@ -635,7 +639,8 @@ void S3_get_object(const S3BucketContext* bucketContext, const char* key,
 /**
  * Asks for an object's properties (S3: HeadObject). A null or empty key asks for the bucket: then the
  * properties callback also runs for a 301 that names the bucket's region, transient failures are repeated
- * inside (S3OptionBucketProbeSeconds), and one that lasts ends with S3StatusInternalError.
+ * inside (S3OptionBucketProbeSeconds, the time limit of the whole call), and one that lasts ends with
+ * S3StatusInternalError, as does a malformed host.
  */
 void S3_head_object(const S3BucketContext* bucketContext, const char* key, S3RequestContext* requestContext,
                     int timeoutMs, const S3ResponseHandler* handler, void* callbackData);
@@ -663,7 +668,8 @@ void S3_upload_part(const S3BucketContext* bucketContext, const char* key,
  * Makes the object of its parts (S3: CompleteMultipartUpload). The put-data callback gives a document of
  * contentLength bytes, which is read whole first. After an answer that leaves the outcome open the object
  * itself is asked for: its ETag must be the one that follows from the parts' ETags; if it is not, the
- * document is sent again, a bounded number of times.
+ * document is sent again, a bounded number of times. (The parts' MD5s fix the object's size as well, which
+ * the document does not tell.)
  */
 void S3_complete_multipart_upload(const S3BucketContext* bucketContext, const char* key,
                                   const S3MultipartCommitHandler* handler, const char* upload_id,
@@ -692,7 +698,8 @@ void S3_list_parts(const S3BucketContext* bucketContext, const char* key, const 
 /**
  * Lists one page of the uploads in progress (S3: ListMultipartUploads). Texts may be null; maxuploads <= 0
  * leaves the page size to the store. The next page is asked for with both markers. Keys are given decoded
- * when the reply says that they are encoded.
+ * when the reply says that they are encoded; with a null encodingtype that is asked for where a plain listing
+ * cannot be read or holds U+FFFD.
  */
 void S3_list_multipart_uploads(const S3BucketContext* bucketContext, const char* prefix,
                                const char* keymarker, const char* uploadidmarker, const char* encodingtype,

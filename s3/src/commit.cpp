@@ -99,6 +99,8 @@ bool Commit::object_is_there(ExchangeResult& result) {
         if (!pause_before_retry(attempt, plan_.deadline)) break;
         answer = perform(head);
     }
+    // No comparison of sizes: the document names the parts' MD5s alone, a finished upload's parts can no
+    // longer be listed, and parts with the same MD5s make an object of the same size.
     if (answer.status != S3StatusOK || unquoted_etag(answer.headers.etag.value_or("")) != wanted)
         return false;
     result = std::move(answer);

@@ -42,8 +42,15 @@ void finish_call(const S3ResponseHandler& handler, void* callback_data, const Ca
 void perform_simple(RequestPlan& plan, const S3ResponseHandler& handler, void* callback_data,
                     CallResult& call) {
     ExchangeResult result = perform(plan);
-    if (result.status == S3StatusOK)
-        result.status = deliver_properties(handler, callback_data, result.headers);
+    if (result.status == S3StatusOK) {
+        // Stores that began their reply too early can tell of a failure in its body alone.
+        if (auto error = error_inside_success(result.body)) {
+            result.status = error->status;
+            result.error = std::move(error->info);
+        } else {
+            result.status = deliver_properties(handler, callback_data, result.headers);
+        }
+    }
     set_result(call, std::move(result));
 }
 

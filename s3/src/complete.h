@@ -53,7 +53,8 @@ void run_call(const S3ResponseHandler& handler, void* callback_data, Work&& work
     finish_call(handler, callback_data, call);
 }
 
-/// The usual simple request: perform the plan, deliver properties on success, take the result over.
+/// The usual simple request: perform the plan, deliver properties on success, take the result over. A success
+/// whose body is an error document is that error.
 void perform_simple(RequestPlan& plan, const S3ResponseHandler& handler, void* callback_data,
                     CallResult& call);
 

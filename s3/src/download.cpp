@@ -33,6 +33,7 @@ class Download final : public ReplySink {
     std::optional<uint64_t> wanted() const { return count_ != 0 ? std::optional(count_) : std::nullopt; }
     bool complete() const { return begun_ && length_ && received_ == *length_; }
     S3Status begin_first(const ResponseHeaders& headers);
+    S3Status refuse(S3Status status, const char* why);
     S3Status begin_rest(const ResponseHeaders& headers);
     NameValues headers_for_next_try(const NameValues& conditions) const;
     void fail_broken(const ExchangeResult& result, CallResult& call) const;
@@ -43,7 +44,10 @@ class Download final : public ReplySink {
     uint64_t count_;
     bool begun_ = false;
     bool refused_rest_ = false;       // the store offered something else than the rest of the same object
+    bool range_ignored_ = false;      // the store offered the whole object instead of the range
+    const char* refusal_ = nullptr;   // why a reply was not taken
     std::optional<uint64_t> length_;  // bytes that the first reply promised
+    std::optional<uint64_t> total_;   // the whole object's size, if told
     uint64_t received_ = 0;           // bytes that the caller has taken
     std::optional<std::string> etag_;
 };
@@ -54,14 +58,24 @@ S3Status Download::begin(const ResponseHeaders& headers) {
 
 S3Status Download::begin_first(const ResponseHeaders& headers) {
     // Some stores answer a range they dislike with the whole object.
-    if (ranged() && headers.http_status != 206) return S3StatusErrorInvalidRange;
+    range_ignored_ = ranged() && headers.http_status != 206;
+    if (range_ignored_) return S3StatusErrorInvalidRange;
     if (headers.content_range && headers.content_range->first) {
         const ContentRange& range = *headers.content_range;
         if (*range.first != start_) return S3StatusErrorInvalidRange;
         if (range.last && *range.last >= *range.first) length_ = *range.last - *range.first + 1;
+        total_ = range.total;
     }
-    if (headers.content_length) length_ = headers.content_length;
+    if (headers.content_length) {
+        if (length_ && *length_ != *headers.content_length)
+            return refuse(S3StatusInternalError, "the reply is not as long as its range");
+        length_ = headers.content_length;
+    }
+    if (headers.http_status == 200 && length_) total_ = length_;
     if (count_ != 0 && length_ && *length_ > count_) return S3StatusErrorInvalidRange;
+    // The end of such a reply cannot be told from a cut.
+    if (!length_ && !headers.chunked && headers.http_status != 204)
+        return refuse(S3StatusInternalError, "the reply does not say where it ends");
     etag_ = headers.etag;
     begun_ = true;
     return deliver_properties(handler_.responseHandler, callback_data_, headers);
@@ -70,14 +84,24 @@ S3Status Download::begin_first(const ResponseHeaders& headers) {
 S3Status Download::begin_rest(const ResponseHeaders& headers) {
     const bool right_place = headers.http_status == 206 && headers.content_range &&
                              headers.content_range->first == start_ + received_;
-    const bool same_object = !headers.etag || headers.etag == etag_;
+    const bool same_size = !total_ || !headers.content_range || !headers.content_range->total ||
+                           headers.content_range->total == total_;
+    const bool same_object = same_size && (!headers.etag || headers.etag == etag_);
     if (right_place && same_object) return S3StatusOK;
     refused_rest_ = true;
     return S3StatusInternalError;
 }
 
+S3Status Download::refuse(S3Status status, const char* why) {
+    refusal_ = why;
+    return status;
+}
+
 S3Status Download::data(std::string_view bytes) {
-    if (length_ && bytes.size() > *length_ - received_) return S3StatusInternalError;
+    if (length_ && bytes.size() > *length_ - received_) {
+        refused_rest_ = true;
+        return refuse(S3StatusInternalError, "more came than was announced");
+    }
     if (handler_.getObjectDataCallback != nullptr) {
         const S3Status status =
             handler_.getObjectDataCallback(static_cast<int>(bytes.size()), bytes.data(), callback_data_);
@@ -109,7 +133,9 @@ void Download::fail_broken(const ExchangeResult& result, CallResult& call) const
     std::string message = "download broke off: received " + std::to_string(received_) + " of ";
     message += length_ ? std::to_string(*length_) : std::string("an unknown number of");
     message += " bytes; ";
-    if (refused_rest_ || result.status == S3StatusErrorPreconditionFailed) {
+    if (refusal_ != nullptr) {
+        message += refusal_;
+    } else if (refused_rest_ || result.status == S3StatusErrorPreconditionFailed) {
         message += "the object has changed";
     } else if (result.status != S3StatusOK) {
         message += std::string("last status ") + S3_get_status_name(result.status);
@@ -119,13 +145,11 @@ void Download::fail_broken(const ExchangeResult& result, CallResult& call) const
 }
 
 // Callers tell the end of an object from an error by the range and the size, which some stores leave out.
-void complete_range_details(const RequestPlan& get, const std::string& range,
-                            const std::optional<ContentRange>& reply_range, CallResult& call) {
+void complete_range_details(const RequestPlan& get, const std::string& range, std::optional<uint64_t> size,
+                            CallResult& call) {
     if (call.error.find_extra("RangeRequested") == nullptr)
         call.error.extra.emplace_back("RangeRequested", range);
     if (call.error.find_extra("ActualObjectSize") != nullptr) return;
-    std::optional<uint64_t> size;
-    if (reply_range) size = reply_range->total;
     if (!size) {
         RequestPlan head = get;
         head.method = "HEAD";
@@ -147,10 +171,16 @@ void Download::run(RequestPlan& plan, CallResult& call) {
         plan.address = address;
         plan.query.clear();
         ExchangeResult result = perform(plan, this);
-        if (result.aborted && !refused_rest_) return set_result(call, std::move(result));
+        if (result.aborted && !refused_rest_) {
+            const auto size = result.headers.content_length;
+            set_result(call, std::move(result));
+            if (refusal_ != nullptr) call.error.message = refusal_;
+            if (range_ignored_) complete_range_details(plan, range_text(start_, wanted()), size, call);
+            return;
+        }
         if (result.status == S3StatusOK && (!length_ || complete()))
             return set_result(call, std::move(result));
-        if (complete()) {
+        if (complete() && !refused_rest_) {
             // Every byte is there; only the end of the connection was not clean.
             call.status = S3StatusOK;
             return;
@@ -159,10 +189,10 @@ void Download::run(RequestPlan& plan, CallResult& call) {
         const bool cut =
             (result.transport_failed && http >= 200 && http <= 299) || result.status == S3StatusOK;
         if (!begun_ && !cut) {
-            const auto reply_range = result.headers.content_range;
+            const auto range = result.headers.content_range.value_or(ContentRange{});
             const bool unsatisfiable = http == 416 && ranged();
             set_result(call, std::move(result));
-            if (unsatisfiable) complete_range_details(plan, range_text(start_, wanted()), reply_range, call);
+            if (unsatisfiable) complete_range_details(plan, range_text(start_, wanted()), range.total, call);
             return;
         }
         const bool may_mend = cut || (begun_ && (result.worth_repeating || result.transport_failed));

@@ -22,9 +22,11 @@ namespace {
 constexpr long kReceiveBuffer = 256 * 1024;
 constexpr long kSmallestSendBuffer = 16 * 1024;
 constexpr long kLargestSendBuffer = 1024 * 1024;
-// Error pages are read to this length, replies in memory to that one.
+// Headers and error pages are read to this length, replies in memory to that one (a page of a thousand long
+// names needs a third of it; parsed it takes many times its length).
+constexpr size_t kHeaderLimit = 256 * 1024;
 constexpr size_t kErrorBodyLimit = 1024 * 1024;
-constexpr size_t kCollectedLimit = 64 * 1024 * 1024;
+constexpr size_t kCollectedLimit = 16 * 1024 * 1024;
 
 struct HeaderListDeleter {
     void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
@@ -96,11 +98,13 @@ class Exchange {
     HeaderList header_list_;
     bool begun_ = false;
     bool stalled_ = false;
+    bool body_sent_ = true;
     std::chrono::seconds stall_limit_{0};
     Clock::time_point last_progress_;
     curl_off_t seen_down_ = 0;
     curl_off_t seen_up_ = 0;
     bool header_seen_ = false;
+    size_t header_bytes_ = 0;
 };
 
 std::string Exchange::url() const {
@@ -246,6 +250,11 @@ size_t Exchange::on_header(char* data, size_t size, size_t count, void* self) {
     auto& exchange = *static_cast<Exchange*>(self);
     try {
         exchange.header_seen_ = true;
+        exchange.header_bytes_ += size * count;
+        if (exchange.header_bytes_ > kHeaderLimit) {
+            exchange.abort_with(S3StatusHeadersTooLong);
+            return 0;
+        }
         exchange.result_.headers.add_line({data, size * count});
         return size * count;
     } catch (...) {
@@ -332,8 +341,10 @@ S3Status Exchange::transport_status(CURLcode code) const {
 
 void Exchange::judge(CURLcode code) {
     if (result_.aborted) return;
+    // Curl takes headers that break off for a reply without a body.
+    const bool replied = result_.headers.complete;
     const long http = result_.headers.http_status;
-    if (http >= 300) {
+    if (replied && http >= 300) {
         // The store has spoken; how the connection fared afterwards does not matter.
         ErrorReply reply = read_error_body(error_body_, http);
         result_.status = reply.status;
@@ -342,7 +353,12 @@ void Exchange::judge(CURLcode code) {
         result_.worth_repeating = is_retryable_kind(result_.status);
         return;
     }
-    if (code == CURLE_OK && http >= 200) {
+    if (code == CURLE_OK && replied && http >= 200 && !body_sent_) {
+        result_.status = S3StatusInternalError;
+        result_.error.message = "the store answered before it had the whole body";
+        return;
+    }
+    if (code == CURLE_OK && replied && http >= 200) {
         const S3Status status = begun_ ? S3StatusOK : begin_reply();
         if (status != S3StatusOK) {
             abort_with(status);
@@ -354,7 +370,13 @@ void Exchange::judge(CURLcode code) {
     result_.transport_failed = true;
     result_.status = transport_status(code);
     result_.worth_repeating = is_retryable_kind(result_.status);
-    result_.error.message = stalled_ ? "no progress on the connection" : curl_easy_strerror(code);
+    if (stalled_) {
+        result_.error.message = "no progress on the connection";
+    } else if (code == CURLE_OK) {
+        result_.error.message = "the reply broke off inside its headers";
+    } else {
+        result_.error.message = curl_easy_strerror(code);
+    }
     const bool took = plan_.body != nullptr && plan_.body->took_caller_bytes();
     if (took && result_.status == S3StatusConnectionFailed) result_.status = S3StatusInternalError;
 }
@@ -384,7 +406,13 @@ ExchangeResult Exchange::run() {
     stall_limit_ = std::chrono::seconds(option(plan_.slow ? S3OptionSlowStallSeconds : S3OptionStallSeconds));
     touch();
     const CURLcode code = curl_easy_perform(lease.get());
-    if (code == CURLE_OK) lease.keep();
+    if (plan_.body != nullptr) {
+        curl_off_t sent = 0;
+        curl_easy_getinfo(lease.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
+        body_sent_ = static_cast<uint64_t>(sent) >= plan_.body->length();
+    }
+    // What is missing of a body would be read as the next request.
+    if (code == CURLE_OK && body_sent_) lease.keep();
     judge(code);
     return std::move(result_);
 }

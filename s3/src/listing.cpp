@@ -21,14 +21,20 @@ NameDecoder::NameDecoder(const XmlReply& document, std::string_view text, const 
 }
 
 std::string NameDecoder::operator()(std::string_view raw) const {
-    return encoded_ ? decode_percent(raw, plus_is_space_) : std::string(raw);
+    if (!encoded_) return std::string(raw);
+    std::string name = decode_percent(raw, plus_is_space_);
+    // A NUL would cut the name short, and so give it to another object: better one that nobody has.
+    return name.find('\0') == std::string::npos ? name : std::string(raw);
 }
 
 std::string next_marker(std::string_view raw_marker, const ListedName& last, const NameDecoder& decode) {
     const bool plain = raw_marker.find_first_of("%+") == std::string_view::npos;
     if (!raw_marker.empty() && (!decode.encoded() || plain)) return std::string(raw_marker);
-    if (!last.name.empty()) return last.name;
-    return decode(raw_marker);
+    const std::string raw = last.name.empty() ? std::string(raw_marker) : last.raw;
+    std::string marker = decode(raw);
+    // A name with a NUL is left encoded, and as that it would be another place of the listing.
+    const bool has_nul = decode.encoded() && marker == raw && raw.find("%00") != std::string::npos;
+    return has_nul ? std::string() : marker;
 }
 
 namespace {

@@ -14,6 +14,7 @@ class NameDecoder {
   public:
     NameDecoder(const XmlReply& document, std::string_view text, const ResponseHeaders& headers);
     bool encoded() const { return encoded_; }
+    /// The name; as it stands there when it holds an encoded NUL, which no C string can.
     std::string operator()(std::string_view raw) const;
 
   private:
@@ -28,7 +29,8 @@ struct ListedName {
 };
 
 /// The marker of the next page. Stores differ in whether they encode the marker of an encoded listing, so one
-/// that could be read both ways is taken from the last name of the page.
+/// that could be read both ways is taken from the last name of the page. Empty when there is none, or none
+/// that a request could send.
 std::string next_marker(std::string_view raw_marker, const ListedName& last, const NameDecoder& decode);
 
 }  // namespace s3

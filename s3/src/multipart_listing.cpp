@@ -146,12 +146,20 @@ S3Status tell_uploads(const UploadPage& page, const S3ListMultipartUploadsHandle
 }
 
 // Some gateways encode the keys of this listing when asked to but do not say so, which nobody could undo. So
-// names are asked for as they are, and encoded only where they spoil the document.
+// names are asked for as they are, and encoded only where they spoil the document or where the store may have
+// put the replacement character for what XML cannot hold.
 ExchangeResult ask_for_uploads(RequestPlan& plan, bool encoding_chosen) {
-    ExchangeResult result = perform(plan);
-    if (result.status != S3StatusOK || encoding_chosen || XmlReply(result.body).ok()) return result;
+    constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+    ExchangeResult plain = perform(plan);
+    if (plain.status != S3StatusOK || encoding_chosen) return plain;
+    const bool readable = XmlReply(plain.body).ok();
+    if (readable && plain.body.find(kReplacement) == std::string::npos) return plain;
     plan.query.emplace_back("encoding-type", "url");
-    return perform(plan);
+    ExchangeResult encoded = perform(plan);
+    if (encoded.status != S3StatusOK) return encoded;
+    const XmlReply document(encoded.body);
+    const bool says_so = NameDecoder(document, encoded.body, encoded.headers).encoded();
+    return says_so ? std::move(encoded) : std::move(plain);
 }
 
 void list_uploads(RequestPlan& plan, bool encoding_chosen, const S3ListMultipartUploadsHandler& handler,

@@ -1,8 +1,6 @@
 // Single objects: put, head, delete. Downloads have a file of their own.
 #include <libs3.h>
 
-#include <algorithm>
-
 #include "complete.h"
 #include "options.h"
 #include "upload_body.h"
@@ -25,14 +23,13 @@ RequestPlan object_plan(std::string_view method, const S3BucketContext& context,
 // A bucket is asked for by callers that repeat a retryable answer at once and without end, so patience lives
 // here and what stays broken is reported as final.
 ExchangeResult probe_bucket(RequestPlan& plan) {
-    const auto begin = Deadline::Clock::now();
-    const auto patience = std::chrono::seconds(option(S3OptionBucketProbeSeconds));
-    const Deadline probe(static_cast<int>(std::max<int64_t>(1, option(S3OptionBucketProbeSeconds) * 1000)));
+    const int64_t seconds = option(S3OptionBucketProbeSeconds);
+    // One silent try must not outlast all of them together.
+    plan.deadline.limit(Deadline(static_cast<int>(seconds * 1000)));
     for (int attempt = 0;; ++attempt) {
         ExchangeResult result = perform(plan);
         if (!is_retryable_kind(result.status)) return result;
-        const bool time_left = Deadline::Clock::now() - begin < patience;
-        if (!time_left || !pause_before_retry(attempt, probe) || plan.deadline.milliseconds_left() == 0) {
+        if (seconds == 0 || !pause_before_retry(attempt, plan.deadline)) {
             if (!result.error.message)
                 result.error.message =
                     std::string("the bucket cannot be asked for: ") + S3_get_status_name(result.status);
@@ -44,8 +41,14 @@ ExchangeResult probe_bucket(RequestPlan& plan) {
 
 void head(const S3BucketContext& context, const char* key, int timeout_ms, const S3ResponseHandler& handler,
           void* callback_data, CallResult& call) {
-    RequestPlan plan = object_plan("HEAD", context, key, timeout_ms);
     const bool bucket = key == nullptr || *key == '\0';
+    RequestPlan plan;
+    try {
+        plan = object_plan("HEAD", context, key, timeout_ms);
+    } catch (const Refusal& refusal) {
+        if (!bucket || !is_retryable_kind(refusal.status)) throw;
+        return fail(call, S3StatusInternalError, "the name of the bucket's host is malformed");
+    }
     ExchangeResult result = bucket ? probe_bucket(plan) : perform(plan);
     const bool tells_region = bucket && result.headers.http_status == 301 && result.headers.bucket_region;
     if (result.status == S3StatusOK || tells_region) {

@@ -5,7 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <new>
@@ -20,6 +23,7 @@ namespace {
 constexpr const char* kDefaultUserAgent = "zorvan-s3/1";
 
 struct OptionRange {
+    const char* variable;  // of the environment
     int64_t initial;
     int64_t minimum;
     int64_t maximum;
@@ -27,18 +31,35 @@ struct OptionRange {
 
 // Indexed by S3Option.
 constexpr std::array<OptionRange, 10> kOptions{{
-    {120, 1, 86400},      // stall seconds
-    {600, 1, 86400},      // slow stall seconds
-    {60000, 1, 3600000},  // connect milliseconds
-    {256, 0, 65536},      // idle connections
-    {50, 0, 86400},       // idle seconds
-    {1000, 0, 600000},    // expect milliseconds
-    {5, 0, 1000},         // download resumes
-    {3, 0, 1000},         // upload resends
-    {200, 0, 600000},     // retry pause milliseconds
-    {30, 0, 86400},       // bucket probe seconds
+    {"ZORVAN_S3_STALL_SECONDS", 120, 1, 86400},
+    {"ZORVAN_S3_SLOW_STALL_SECONDS", 600, 1, 86400},
+    {"ZORVAN_S3_CONNECT_TIMEOUT_MS", 60000, 1, 3600000},
+    {"ZORVAN_S3_MAX_IDLE_CONNECTIONS", 256, 0, 65536},
+    {"ZORVAN_S3_IDLE_CONNECTION_SECONDS", 50, 0, 86400},
+    {"ZORVAN_S3_EXPECT_TIMEOUT_MS", 1000, 0, 600000},
+    {"ZORVAN_S3_DOWNLOAD_RESUMES", 5, 0, 1000},
+    {"ZORVAN_S3_UPLOAD_RESENDS", 3, 0, 1000},
+    {"ZORVAN_S3_RETRY_PAUSE_MS", 200, 0, 600000},
+    {"ZORVAN_S3_BUCKET_PROBE_SECONDS", 30, 0, 86400},
 }};
 static_assert(S3OptionBucketProbeSeconds + 1 == kOptions.size());
+
+bool in_range(const OptionRange& range, int64_t value) {
+    return value >= range.minimum && value <= range.maximum;
+}
+
+// The environment's value, or the default; a value that cannot be one is said once and left out.
+int64_t initial_value(const OptionRange& range) {
+    const char* text = std::getenv(range.variable);
+    if (text == nullptr || *text == '\0') return range.initial;
+    const std::string_view digits(text);
+    int64_t value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (error == std::errc() && end == digits.data() + digits.size() && in_range(range, value)) return value;
+    std::fprintf(stderr, "%s: not a number from %lld to %lld, left out\n", range.variable,
+                 static_cast<long long>(range.minimum), static_cast<long long>(range.maximum));
+    return range.initial;
+}
 
 struct Process {
     std::array<std::atomic<int64_t>, kOptions.size()> options;
@@ -51,7 +72,7 @@ struct Process {
 
     Process() {
         for (size_t i = 0; i < kOptions.size(); ++i)
-            options[i] = kOptions[i].initial;
+            options[i] = initial_value(kOptions[i]);
     }
 };
 
@@ -153,8 +174,7 @@ extern "C" void S3_deinitialize(void) {
 extern "C" S3Status S3_set_option(S3Option option, int64_t value) {
     const auto index = static_cast<size_t>(option);
     if (index >= s3::kOptions.size()) return S3StatusErrorInvalidArgument;
-    if (value < s3::kOptions[index].minimum || value > s3::kOptions[index].maximum)
-        return S3StatusErrorInvalidArgument;
+    if (!s3::in_range(s3::kOptions[index], value)) return S3StatusErrorInvalidArgument;
     s3::process().options[index].store(value, std::memory_order_relaxed);
     return S3StatusOK;
 }

@@ -24,6 +24,7 @@ std::string text_or(const char* text, std::string_view fallback) {
 
 struct RedirectTarget {
     std::string authority;
+    std::string host_header;
     std::string path;
     NameValues query;
 };
@@ -45,26 +46,34 @@ NameValues parse_query(std::string_view text) {
     return out;
 }
 
+// Where to connect for "bucket.host": the certificate of a host does not cover names with further dots.
+std::string bucket_authority(const Store& store) {
+    return store.bucket.find('.') == std::string::npos ? store.bucket + "." + store.host : store.host;
+}
+
 std::optional<RedirectTarget> same_store_target(const RequestPlan& plan, std::string_view location) {
     RedirectTarget target;
     const std::string scheme = plan.store.https ? "https://" : "http://";
     if (location.starts_with('/') && !location.starts_with("//")) {
         target.authority = plan.address.authority;
+        target.host_header = plan.address.host_header;
     } else if (location.size() > scheme.size() &&
                equals_ignore_case(location.substr(0, scheme.size()), scheme)) {
         location.remove_prefix(scheme.size());
         const size_t end = std::min(location.find_first_of("/?#"), location.size());
         target.authority = location.substr(0, end);
+        target.host_header = target.authority;
         location.remove_prefix(end);
     } else {
         return std::nullopt;
     }
     const Store& store = plan.store;
-    const bool same =
-        equals_ignore_case(target.authority, plan.address.authority) ||
-        equals_ignore_case(target.authority, store.host) ||
-        (!store.bucket.empty() && equals_ignore_case(target.authority, store.bucket + "." + store.host));
+    const bool buckets_own =
+        !store.bucket.empty() && equals_ignore_case(target.authority, store.bucket + "." + store.host);
+    const bool same = buckets_own || equals_ignore_case(target.authority, plan.address.authority) ||
+                      equals_ignore_case(target.authority, store.host);
     if (!same) return std::nullopt;
+    if (buckets_own) target.authority = bucket_authority(store);
     location = location.substr(0, location.find('#'));
     const size_t mark = location.find('?');
     target.path = decode_percent(location.substr(0, mark), false);
@@ -119,7 +128,7 @@ Address object_address(const Store& store, std::string_view key) {
         return address;
     }
     address.host_header = store.bucket + "." + store.host;
-    address.authority = store.bucket.find('.') == std::string::npos ? address.host_header : store.host;
+    address.authority = bucket_authority(store);
     address.encoded_path = path;
     return address;
 }
@@ -145,7 +154,8 @@ ExchangeResult perform_once(RequestPlan& plan, ReplySink* sink) {
         if (!may_redirect(plan, result) || redirects == kMaxRedirects) return result;
         auto target = same_store_target(plan, *result.headers.location);
         if (!target) return result;
-        plan.address = {target->authority, target->authority, encode_path(target->path)};
+        plan.address = {std::move(target->authority), std::move(target->host_header),
+                        encode_path(target->path)};
         plan.query = std::move(target->query);
         if (plan.body != nullptr) plan.body->rewind();
     }

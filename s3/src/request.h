@@ -51,6 +51,10 @@ class Deadline {
     }
     /// Milliseconds left, at least 0; nothing without a limit.
     std::optional<long> milliseconds_left() const;
+    /// Moves the end forward to that of other, if that one is earlier.
+    void limit(const Deadline& other) {
+        if (other.end_ && (!end_ || *other.end_ < *end_)) end_ = other.end_;
+    }
 
   private:
     std::optional<Clock::time_point> end_;

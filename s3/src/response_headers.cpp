@@ -58,6 +58,7 @@ void ResponseHeaders::add_line(std::string_view line) {
             http_status = static_cast<long>(parse_u64(trim(line.substr(blank + 1)).substr(0, 3)).value_or(0));
         return;
     }
+    if (trim(line).empty()) complete = true;
     const size_t colon = line.find(':');
     if (colon == std::string_view::npos) return;
     const std::string name = to_lower(trim(line.substr(0, colon)));
@@ -72,6 +73,8 @@ void ResponseHeaders::add_line(std::string_view line) {
         content_length = parse_u64(value);
     } else if (name == "content-range") {
         content_range = parse_content_range(value);
+    } else if (name == "transfer-encoding") {
+        chunked = to_lower(value).ends_with("chunked");
     } else if (name == "server") {
         server = value;
     } else if (name == "etag") {

@@ -23,6 +23,10 @@ struct ContentRange {
 struct ResponseHeaders {
     /// HTTP status of the final reply so far; 0 before any.
     long http_status = 0;
+    /// The empty line after them was seen.
+    bool complete = false;
+    /// The body marks its own end (RFC 9112, 7.1).
+    bool chunked = false;
     std::optional<std::string> request_id, request_id2, content_type, server, etag, bucket_region, location;
     std::optional<std::string> storage_class, archive_status;
     std::optional<uint64_t> content_length;

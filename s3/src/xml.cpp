@@ -8,8 +8,8 @@ namespace s3 {
 namespace {
 
 // A name may consist of a blank, so text that is only blanks must survive where it is an element's whole
-// content.
-constexpr unsigned int kParseFlags = pugi::parse_default | pugi::parse_ws_pcdata_single;
+// content. Line ends are taken as they come: a name may hold them, too.
+constexpr unsigned int kParseFlags = pugi::parse_cdata | pugi::parse_escapes | pugi::parse_ws_pcdata_single;
 
 }  // namespace
 

@@ -3,26 +3,14 @@
 
 namespace {
 
+using s3test::cut_reply;
 using s3test::error_reply;
+using s3test::range_of;
 using s3test::Recorder;
 using s3test::reply;
 using s3test::Step;
 using Downloads = s3test::Scripted;
 using Events = std::vector<std::string>;
-
-// A reply that promises more than it brings and then closes.
-Step cut_reply(int status, const s3test::HeaderPairs& headers, const std::string& sent, size_t promised) {
-    s3test::HeaderPairs all = headers;
-    all.emplace_back("Content-Length", std::to_string(promised));
-    Step step;
-    step.reply = reply(status, all, sent);
-    step.close = true;
-    return step;
-}
-
-std::string range_of(size_t first, size_t last, size_t total) {
-    return "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + std::to_string(total);
-}
 
 TEST_F(Downloads, WholeObject) {
     server_.then(reply(200, {{"ETag", "\"e\""}}, "hello"));
@@ -58,6 +46,35 @@ TEST_F(Downloads, WholeObjectInsteadOfTheRangeIsRefused) {
     EXPECT_EQ(whole.status, S3StatusErrorInvalidRange);
     EXPECT_EQ(whole.events, Events{"complete"});
     EXPECT_EQ(get("key", 5).status, S3StatusErrorInvalidRange);
+}
+
+// As good as a 416: a caller that reads at the object's end must be able to tell.
+TEST_F(Downloads, WholeObjectInsteadOfTheRangeTellsItsSize) {
+    server_.then(reply(200, {}, "0123456789"));
+    const Recorder sized = get("key", 10);
+    EXPECT_EQ(sized.status, S3StatusErrorInvalidRange);
+    EXPECT_EQ(sized.detail("RangeRequested"), "bytes=10-");
+    EXPECT_EQ(sized.detail("ActualObjectSize"), "10");
+    EXPECT_EQ(server_.requests().size(), 1u);
+    server_.then(reply(200, {{"Transfer-Encoding", "chunked"}}, "5\r\nhello\r\n0\r\n\r\n"))
+        .then(reply(200, {{"Content-Length", "5"}}));
+    const Recorder asked = get("key", 2, 7);
+    EXPECT_EQ(asked.status, S3StatusErrorInvalidRange);
+    EXPECT_EQ(asked.events, Events{"complete"});
+    EXPECT_EQ(asked.detail("RangeRequested"), "bytes=2-8");
+    EXPECT_EQ(asked.detail("ActualObjectSize"), "5");
+    EXPECT_EQ(server_.requests().back().method, "HEAD");
+}
+
+// Nothing else would tell a store that leaves bytes out from one that has no more.
+TEST_F(Downloads, AReplyNotAsLongAsItsRangeIsRefused) {
+    for (const char* body : {"5678", "567890"}) {
+        server_.then(reply(206, {{"Content-Range", "bytes 5-9/10"}}, body));
+        const Recorder seen = get("key", 5);
+        EXPECT_EQ(seen.status, S3StatusInternalError) << body;
+        EXPECT_EQ(seen.events, Events{"complete"}) << body;
+        EXPECT_EQ(seen.message, "the reply is not as long as its range") << body;
+    }
 }
 
 TEST_F(Downloads, ConditionsAreSent) {

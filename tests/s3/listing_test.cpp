@@ -111,6 +111,18 @@ TEST_F(Listings, EncodedNamesAreDecodedWhenTheReplySaysSo) {
     EXPECT_EQ(plain.marker, "y%41");
 }
 
+TEST_F(Listings, ANameWithANulIsNeitherCutShortNorAMarker) {
+    const std::string encoded = "<EncodingType>url</EncodingType><IsTruncated>";
+    server_.then(reply(200, {}, page(encoded + "false</IsTruncated>" + entry("a%00b") + entry("a%2500b"))))
+        .then(reply(200, {}, page(encoded + "true</IsTruncated>" + entry("a%00b"))))
+        .then(reply(200, {}, page(encoded + "true</IsTruncated>" + entry("a%2500b"))));
+    EXPECT_EQ(list().keys, (Names{"a%00b", "a%00b"}));
+    const Recorder truncated = list();
+    EXPECT_EQ(truncated.status, S3StatusInternalError);
+    EXPECT_EQ(truncated.events, Events{"complete"});
+    EXPECT_EQ(list().marker, "a%00b");
+}
+
 TEST_F(Listings, TheOtherDialectWritesBlanksAsPlus) {
     const std::string encoded = "<EncodingType>url</EncodingType><IsTruncated>false</IsTruncated>";
     server_.then(reply(200, {{"Server", "AmazonS3"}}, page(encoded + entry("a+b"))))

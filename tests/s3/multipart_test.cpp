@@ -130,6 +130,49 @@ TEST_F(Multipart, MissingIdsAndNumbersAreRefused) {
     EXPECT_EQ(server_.connections(), 0);
 }
 
+// Without its key each of these would address the bucket.
+TEST_F(Multipart, MissingKeysAreRefused) {
+    const S3BucketContext where = context();
+    for (const char* key : {static_cast<const char*>(nullptr), ""}) {
+        Recorder got[9];
+        for (Recorder& recorder : got)
+            recorder.body = "x";
+        const S3AbortMultipartUploadHandler abort{s3test::kResponse, &got[0]};
+        S3_abort_multipart_upload(&where, key, "id", 0, &abort);
+        S3_initiate_multipart(&where, key, nullptr, &s3test::kInitiate, nullptr, 0, &got[1]);
+        S3_upload_part(&where, key, nullptr, &s3test::kPut, 1, "id", 1, nullptr, 0, &got[2]);
+        S3_complete_multipart_upload(&where, key, &s3test::kCommit, "id", 1, nullptr, 0, &got[3]);
+        S3_list_parts(&where, key, nullptr, "id", nullptr, 0, nullptr, 0, &s3test::kParts, &got[4]);
+        S3_copy_object(&where, key, nullptr, "to", nullptr, nullptr, 0, nullptr, nullptr, 0,
+                       &s3test::kResponse, &got[5]);
+        S3_restore_object(&where, key, 1, nullptr, nullptr, 0, &s3test::kResponse, &got[6]);
+        S3_delete_object(&where, key, nullptr, 0, &s3test::kResponse, &got[7]);
+        S3_put_object(&where, key, 1, nullptr, nullptr, 0, &s3test::kPut, &got[8]);
+        for (size_t i = 0; i < std::size(got); ++i) {
+            EXPECT_EQ(got[i].status, S3StatusErrorUserKeyMustBeSpecified) << i;
+            EXPECT_EQ(got[i].events, Events{"complete"}) << i;
+        }
+    }
+    Recorder nowhere;
+    S3_copy_object(&where, "key", nullptr, "", nullptr, nullptr, 0, nullptr, nullptr, 0, &s3test::kResponse,
+                   &nowhere);
+    EXPECT_EQ(nowhere.status, S3StatusErrorUserKeyMustBeSpecified);
+    EXPECT_EQ(server_.connections(), 0);
+}
+
+TEST_F(Multipart, AbortPrintsNothing) {
+    server_.then(error_reply(404, "NoSuchUpload"));
+    Recorder recorder;
+    const S3AbortMultipartUploadHandler handler{s3test::kResponse, &recorder};
+    const S3BucketContext where = context();
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    S3_abort_multipart_upload(&where, "key", "id", 0, &handler);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(recorder.status, S3StatusErrorNoSuchUpload);
+}
+
 TEST_F(Multipart, AbortUsesTheHandlersData) {
     server_.then(reply(204)).then(error_reply(404, "NoSuchUpload"));
     Recorder recorder;
@@ -332,6 +375,36 @@ TEST_F(Multipart, UploadsThatSpoilTheDocumentAreAskedForEncoded) {
     EXPECT_EQ(listed.status, S3StatusOK);
     EXPECT_EQ(listed.keys, Names{"a\x01</b"});
     EXPECT_NE(server_.requests()[1].target.find("encoding-type=url"), std::string::npos);
+}
+
+// What XML cannot hold some stores replace by U+FFFD: the plain listing is readable, its name wrong.
+TEST_F(Multipart, UploadsWithReplacedBytesAreAskedForEncoded) {
+    const std::string plain =
+        uploads_page(upload_entry("a\xEF\xBF\xBD"
+                                  "b",
+                                  "i1"));
+    server_.then(plain).then(uploads_page("<EncodingType>url</EncodingType>" + upload_entry("a%02b", "i1")));
+    EXPECT_EQ(uploads().keys, Names{"a\x02"
+                                    "b"});
+    server_.then(plain).then(uploads_page(upload_entry("a%EF%BF%BDb", "i1")));
+    EXPECT_EQ(uploads().keys, Names{"a\xEF\xBF\xBD"
+                                    "b"})
+        << "encoded without saying so";
+    EXPECT_EQ(server_.steps_left(), 0u);
+}
+
+TEST_F(Multipart, EncodedUploadsThatDoNotSaySoAreNotGuessed) {
+    server_.then(uploads_page(upload_entry("a</b", "i1"))).then(uploads_page(upload_entry("a%3C/b", "i1")));
+    const Recorder listed = uploads();
+    EXPECT_EQ(listed.status, S3StatusXmlParseFailure);
+    EXPECT_EQ(listed.events, Events{"complete"});
+}
+
+TEST_F(Multipart, NamesOfUploadsAreTakenByteByByte) {
+    server_.then(uploads_page(upload_entry("&#x01;&#x0d;\x02\r\n\t", "i1") + upload_entry(" ", "i2") +
+                              upload_entry(" a \xff", "i3") + upload_entry("<![CDATA[a&b]]>", "i4")));
+    EXPECT_EQ(uploads().keys, (Names{"\x01\r\x02\r\n\t", " ", " a \xff", "a&b"}));
+    EXPECT_EQ(server_.requests().size(), 1u);
 }
 
 TEST_F(Multipart, CopyReadsTheDocument) {

@@ -378,6 +378,66 @@ TEST_F(ObjectCalls, BucketProbeGivesUpWithAFinalStatus) {
     EXPECT_GT(server_.steps_left(), 0u);
 }
 
+// One silent try must not outlast the patience of the whole probe.
+TEST_F(ObjectCalls, BucketProbeEndsInASilentTryToo) {
+    S3_set_option(S3OptionBucketProbeSeconds, 1);
+    Step hang;
+    hang.hang = true;
+    server_.then(reply(503)).then(hang);
+    const Recorder bucket = head(nullptr);
+    EXPECT_EQ(bucket.status, S3StatusInternalError);
+    EXPECT_EQ(bucket.retryable_in_complete, 0);
+    EXPECT_EQ(server_.requests().size(), 2u);
+}
+
+TEST_F(ObjectCalls, BucketProbeWithoutPatienceTriesOnce) {
+    S3_set_option(S3OptionBucketProbeSeconds, 0);
+    server_.then(reply(503)).then(reply(200)).then(reply(200));
+    EXPECT_EQ(head(nullptr).status, S3StatusInternalError);
+    EXPECT_EQ(head("").status, S3StatusOK);
+}
+
+// Its caller repeats whatever is retryable, at once and for ever.
+TEST_F(ObjectCalls, BucketProbeOfAMalformedHostIsFinal) {
+    for (const char* name : {"evil.example/path", "a b", "user@host", "h\nost"}) {
+        host_ = name;
+        const Recorder bucket = head(nullptr);
+        EXPECT_EQ(bucket.status, S3StatusInternalError) << name;
+        EXPECT_EQ(bucket.retryable_in_complete, 0) << name;
+        EXPECT_EQ(bucket.message, "the name of the bucket's host is malformed");
+    }
+}
+
+TEST_F(ObjectCalls, RedirectsOfADottedBucketKeepItsHostHeader) {
+    host_ = "localhost:" + std::to_string(server_.port());
+    const std::string own = "dotted.bucket." + host_;
+    S3BucketContext where = context();
+    where.uriStyle = S3UriStyleVirtualHost;
+    where.bucketName = "dotted.bucket";
+    for (const std::string& location : {std::string("/other"), "http://" + own + "/other"}) {
+        server_.then(reply(307, {{"Location", location}})).then(reply(200));
+        Recorder recorder;
+        S3_head_object(&where, "key", nullptr, 0, &s3test::kResponse, &recorder);
+        EXPECT_EQ(recorder.status, S3StatusOK) << location;
+        EXPECT_EQ(server_.requests().back().header("host"), own) << location;
+        EXPECT_EQ(server_.requests().back().target, "/other") << location;
+    }
+    // Back to path style, on the store's own name.
+    server_.then(reply(307, {{"Location", "http://" + host_ + "/dotted.bucket/key"}})).then(reply(200));
+    Recorder recorder;
+    S3_head_object(&where, "key", nullptr, 0, &s3test::kResponse, &recorder);
+    EXPECT_EQ(recorder.status, S3StatusOK);
+    EXPECT_EQ(server_.requests().back().header("host"), host_);
+}
+
+TEST_F(ObjectCalls, AnErrorDocumentInASuccessIsThatError) {
+    server_.then(reply(200, {}, "\n<Error><Code>QuotaExceeded</Code><Message>full</Message></Error>"));
+    const Recorder stored = put("key", "hello");
+    EXPECT_EQ(stored.status, S3StatusErrorQuotaExceeded);
+    EXPECT_EQ(stored.message, "full");
+    EXPECT_FALSE(stored.saw("properties"));
+}
+
 TEST_F(ObjectCalls, RedirectsInsideTheStoreAreSignedAnew) {
     server_.then(reply(307, {{"Location", "http://" + host_ + "/other/place?x=1"}}))
         .then(reply(200, {}, "data"));

@@ -62,6 +62,22 @@ void wait_for_client_to_leave(int socket) {
         ignored.clear();
 }
 
+// Closes for good, so that the peer's next byte is answered with a reset: after a mere shutdown a peer whose
+// window is full by then would wait. The number stays taken.
+void abandon(int socket) {
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (nothing < 0) return;
+    dup2(nothing, socket);
+    close(nothing);
+}
+
+// What was sent arrives all the same: it is in the peer's buffer already.
+void reset(int socket) {
+    const linger at_once{1, 0};
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+    abandon(socket);
+}
+
 }  // namespace
 
 ScriptServer::ScriptServer() {
@@ -113,15 +129,6 @@ int ScriptServer::connections() {
 size_t ScriptServer::steps_left() {
     const std::lock_guard lock(mutex_);
     return script_.size();
-}
-
-// Closes for good, so that the peer's next byte is answered with a reset: after a mere shutdown a peer whose
-// window is full by then would wait. The number stays taken.
-static void abandon(int socket) {
-    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (nothing < 0) return;
-    dup2(nothing, socket);
-    close(nothing);
 }
 
 void ScriptServer::drop_connections() {
@@ -177,7 +184,8 @@ bool ScriptServer::serve_one(int socket, int number, std::string& input) {
     }
     if (step.before_body) {
         send_all(socket, step.reply);
-        if (step.close) return false;
+        if (step.reset) reset(socket);
+        if (step.reset || step.close) return false;
         wait_for_client_to_leave(socket);
         return false;
     }
@@ -185,8 +193,8 @@ bool ScriptServer::serve_one(int socket, int number, std::string& input) {
     const size_t length = announced.empty() ? 0 : std::stoul(announced);
     if (request.header("expect") == "100-continue" && step.on_expect == Step::Continue::kSend)
         send_all(socket, "HTTP/1.1 100 Continue\r\n\r\n");
-    const size_t wanted =
-        step.close_after_body_bytes >= 0 ? static_cast<size_t>(step.close_after_body_bytes) : length;
+    const long enough = std::max(step.close_after_body_bytes, step.reply_after_body_bytes);
+    const size_t wanted = enough >= 0 ? static_cast<size_t>(enough) : length;
     bool whole = true;
     while (input.size() < wanted && (whole = receive_more(socket, input))) {
     }
@@ -199,12 +207,29 @@ bool ScriptServer::serve_one(int socket, int number, std::string& input) {
     if (step.close_after_body_bytes >= 0) abandon(socket);
     if (!whole || step.close_after_body_bytes >= 0) return false;
     if (!send_all(socket, step.answer ? step.answer(request) : step.reply)) return false;
+    if (!step.again_for_ever.empty()) {
+        while (send_all(socket, step.again_for_ever)) {
+        }
+        return false;
+    }
     if (step.before_rest) {
         step.before_rest();
         if (!send_all(socket, step.rest)) return false;
     }
-    if (step.hang_after) wait_for_client_to_leave(socket);
-    return !step.close && !step.hang_after;
+    if (step.reset) reset(socket);
+    if (step.close) shutdown(socket, SHUT_RDWR);
+    if (step.parted) step.parted();
+    if (step.reset || step.close) return false;
+    if (step.hang_after) {
+        wait_for_client_to_leave(socket);
+        return false;
+    }
+    const size_t unread = length - request.body.size();
+    while (input.size() < unread) {
+        if (!receive_more(socket, input)) return false;
+    }
+    input.erase(0, unread);
+    return true;
 }
 
 std::string reply(int status, const HeaderPairs& headers, const std::string& body) {
@@ -216,6 +241,19 @@ std::string reply(int status, const HeaderPairs& headers, const std::string& bod
     }
     if (!has_length) out += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     return out + "\r\n" + body;
+}
+
+Step cut_reply(int status, const HeaderPairs& headers, const std::string& sent, size_t promised) {
+    HeaderPairs all = headers;
+    all.emplace_back("Content-Length", std::to_string(promised));
+    Step step;
+    step.reply = reply(status, all, sent);
+    step.close = true;
+    return step;
+}
+
+std::string range_of(size_t first, size_t last, size_t total) {
+    return "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + std::to_string(total);
 }
 
 std::string error_reply(int status, const std::string& code, const std::string& message) {

@@ -33,8 +33,15 @@ struct Step {
     std::string reply;
     /// Close the connection after the reply; nothing else ends a connection but the client.
     bool close = false;
+    /// The same with a reset instead of an orderly end.
+    bool reset = false;
     /// Reply as soon as the headers were read, whatever body was announced, and read nothing more.
     bool before_body = false;
+    /// Reply once so many body bytes were read (after the 100, if one was wanted). Unless the connection is
+    /// closed then, the rest of the body is read and dropped.
+    long reply_after_body_bytes = -1;
+    /// Called when the reply was sent and the connection ended, if it was to be.
+    std::function<void()> parted;
     /// Send no reply and keep the connection open until the client leaves.
     bool hang = false;
     /// After the reply hang as above instead of serving the next request.
@@ -48,6 +55,8 @@ struct Step {
     /// Runs after the reply was sent; then rest follows.
     std::function<void()> before_rest;
     std::string rest;
+    /// Sent after the reply again and again until the client leaves.
+    std::string again_for_ever;
     /// Makes the reply from the whole request; replaces reply.
     std::function<std::string(const SeenRequest&)> answer;
 };
@@ -99,6 +108,10 @@ using HeaderPairs = std::vector<std::pair<std::string, std::string>>;
 
 /// A reply with Content-Length (unless given) and the given headers.
 std::string reply(int status, const HeaderPairs& headers = {}, const std::string& body = "");
+/// A reply that promises more than it brings and then closes.
+Step cut_reply(int status, const HeaderPairs& headers, const std::string& sent, size_t promised);
+/// A Content-Range value.
+std::string range_of(size_t first, size_t last, size_t total);
 /// An XML error document.
 std::string error_reply(int status, const std::string& code, const std::string& message = "");
 

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <thread>
 
+#include "options.h"
 #include "recorder.h"
 #include "status.h"
 
@@ -92,6 +94,25 @@ TEST(Options, RangesAreChecked) {
     EXPECT_EQ(S3_set_option(static_cast<S3Option>(10), 1), S3StatusErrorInvalidArgument);
     EXPECT_EQ(S3_set_option(static_cast<S3Option>(15), 1), S3StatusErrorInvalidArgument);
     EXPECT_EQ(S3_set_option(S3OptionStallSeconds, 120), S3StatusOK);
+}
+
+// In a process of its own: the environment is read once.
+TEST(OptionsDeathTest, TheEnvironmentReplacesDefaults) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto started_with = [](const char* variable, const char* value, S3Option which, int64_t expected) {
+        ::setenv(variable, value, 1);
+        std::_Exit(s3::option(which) == expected ? 0 : 1);
+    };
+    const auto good = ::testing::ExitedWithCode(0);
+    EXPECT_EXIT(started_with("ZORVAN_S3_STALL_SECONDS", "7", S3OptionStallSeconds, 7), good, "^$");
+    EXPECT_EXIT(started_with("ZORVAN_S3_BUCKET_PROBE_SECONDS", "0", S3OptionBucketProbeSeconds, 0), good,
+                "^$");
+    EXPECT_EXIT(started_with("ZORVAN_S3_STALL_SECONDS", "", S3OptionStallSeconds, 120), good, "^$");
+    for (const char* wrong : {"0", "-1", "86401", "5s", "x", "99999999999999999999"}) {
+        EXPECT_EXIT(started_with("ZORVAN_S3_STALL_SECONDS", wrong, S3OptionStallSeconds, 120), good,
+                    "ZORVAN_S3_STALL_SECONDS: not a number from 1 to 86400, left out")
+            << wrong;
+    }
 }
 
 TEST(Life, HostTooLongIsRefused) {

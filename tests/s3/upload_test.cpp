@@ -110,6 +110,9 @@ TEST_F(Uploads, AShortLargeBodyFailsAtOnce) {
     EXPECT_EQ(recorder.retryable_in_complete, 0);
     EXPECT_EQ(recorder.completions, 1);
     EXPECT_FALSE(recorder.saw("properties"));
+    // What is missing must not be taken from the next request.
+    EXPECT_EQ(head("key").status, S3StatusOK);
+    EXPECT_EQ(server_.connections(), 2);
 }
 
 TEST_F(Uploads, AShortSmallBodyIsNeverSent) {
