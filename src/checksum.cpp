@@ -78,8 +78,10 @@ S3Status zorvan_l_s3_checksum_compute_properties(const S3ResponseProperties*, vo
 void zorvan_l_s3_checksum_complete(S3Status status, const S3ErrorDetails* error_details,
                                    void* callback_data) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
-    zorvan_i_s3_record_object_failure(static_cast<checksum_state_t*>(callback_data), status, error_details,
-                                      zorvan_i_s3_keep_t::first);
+    auto* const state = static_cast<checksum_state_t*>(callback_data);
+    zorvan_i_s3_record_object_failure(state, status, error_details, zorvan_i_s3_keep_t::first);
+    /* Also of an attempt whose failure the data handler has recorded. */
+    state->status = status;
     trace.exit_status(status);
 }
 
@@ -131,7 +133,10 @@ void hash_range(const zorvan_i_s3_trace_t& trace, checksum_state_t* state) noexc
 /** Turn the finished hash into text, and remember it when it is the whole object's. */
 void take_hash(checksum_state_t* state) noexcept {
     unsigned char digest[MD5_DIGEST_LENGTH];
-    MD5_Final(digest, &state->md5);
+    if (MD5_Final(digest, &state->md5) != 1) {
+        state->result = ZORVAN_S3_GENERIC_ERROR(source_file, __func__, "%s", "Can not finalize checksum.");
+        return;
+    }
     char* digits = state->md5sum;
     for (const unsigned char byte : digest) {
         std::snprintf(digits, 3, "%.2x", byte);

@@ -33,11 +33,6 @@ void zorvan_i_s3_log_outcome(const zorvan_i_s3_trace_t& trace, zorvan_result_t r
     zorvan_i_s3_log_result(trace.function(), result, ZORVAN_S3_INFO, ZORVAN_S3_INFO);
 }
 
-S3Status zorvan_i_s3_accept_properties(const char* function) noexcept {
-    zorvan_i_s3_trace_t trace(function);
-    return trace.exit_status(S3StatusOK);
-}
-
 void zorvan_i_s3_record_object_failure(zorvan_i_s3_command_state_t* state, S3Status status,
                                        const S3ErrorDetails* error_details,
                                        zorvan_i_s3_keep_t keep) noexcept {

@@ -91,9 +91,6 @@ void zorvan_i_s3_finish_command(const zorvan_i_s3_trace_t& trace, zorvan_gridftp
 /** The outcome line of a worker. */
 void zorvan_i_s3_log_outcome(const zorvan_i_s3_trace_t& trace, zorvan_result_t result) noexcept;
 
-/** A properties handler that has nothing to read. */
-S3Status zorvan_i_s3_accept_properties(const char* function) noexcept;
-
 /** Record a failure with the path "bucket/key" in its texts. */
 void zorvan_i_s3_record_object_failure(zorvan_i_s3_command_state_t* state, S3Status status,
                                        const S3ErrorDetails* error_details, zorvan_i_s3_keep_t keep) noexcept;

@@ -215,6 +215,11 @@ void zorvan_i_s3_record_failure(zorvan_i_s3_request_state_t* state, S3Status sta
     state->result = zorvan_error_put(zorvan_i_S3Error_to_error(status, path, error_details));
 }
 
+S3Status zorvan_i_s3_accept_properties(const char* function) noexcept {
+    zorvan_i_s3_trace_t trace(function);
+    return trace.exit_status(S3StatusOK);
+}
+
 int32_t zorvan_i_s3_retry_pause(int try_count) noexcept {
     const auto shift = static_cast<uint32_t>(try_count - 1) & 31U;
     return static_cast<int32_t>((static_cast<uint32_t>(zorvan_i_s3_retry_delay_ms) << shift) * 1000U);

@@ -29,11 +29,26 @@ void zorvan_i_s3_receive_t::fail(zorvan_result_t error) noexcept {
     eof = true;
 }
 
-zorvan_result_t zorvan_i_s3_receive_set_up(zorvan_i_s3_receive_t* transfer_state,
-                                           const zorvan_i_s3_receive_rules_t* rules,
-                                           zorvan_gridftp_server_operation_t op,
-                                           const zorvan_gridftp_server_transfer_info_t* transfer_info,
-                                           zorvan_i_s3_handle_t* s3_handle) noexcept {
+namespace {
+/** Report a set-up failure to the host. @param logged  whether the finished_transfer line is written
+ *  @return the same result, which the host owns now */
+zorvan_result_t refuse(zorvan_i_s3_trace_t& trace, zorvan_gridftp_server_operation_t op,
+                       zorvan_result_t result, bool logged) noexcept {
+    /* The line comes first: finishing hands the error object over. */
+    trace.exit_result(result);
+    if (logged) {
+        ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "finished_transfer: op=%p result=%#x\n", zorvan_i_s3_pointer(op),
+                      result);
+    }
+    zorvan_gridftp_server_finished_transfer(op, result);
+    return result;
+}
+
+/** Fill a state for a transfer: records, path, bucket context. */
+zorvan_result_t set_up(zorvan_i_s3_receive_t* transfer_state, const zorvan_i_s3_receive_rules_t* rules,
+                       zorvan_gridftp_server_operation_t op,
+                       const zorvan_gridftp_server_transfer_info_t* transfer_info,
+                       zorvan_i_s3_handle_t* s3_handle) noexcept {
     transfer_state->rules = rules;
     transfer_state->s3_handle = s3_handle;
     transfer_state->transfer_info = transfer_info;
@@ -50,11 +65,36 @@ zorvan_result_t zorvan_i_s3_receive_set_up(zorvan_i_s3_receive_t* transfer_state
     transfer_state->key = key;
     return zorvan_i_s3_bucket_context(s3_handle, key, bucket, &transfer_state->bucket_context);
 }
+}  // namespace
+
+zorvan_result_t zorvan_i_s3_receive_start(zorvan_i_s3_trace_t& trace,
+                                          std::unique_ptr<zorvan_i_s3_receive_t> transfer_state,
+                                          const zorvan_i_s3_receive_rules_t* rules,
+                                          zorvan_gridftp_server_operation_t op,
+                                          const zorvan_gridftp_server_transfer_info_t* transfer_info,
+                                          zorvan_i_s3_handle_t* s3_handle) noexcept {
+    ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "recv: op=%p pathname=%s\n", zorvan_i_s3_pointer(op),
+                  transfer_info->pathname);
+    if (!transfer_state) return refuse(trace, op, zorvan_i_s3_malloc_error(), false);
+    const zorvan_result_t result = set_up(transfer_state.get(), rules, op, transfer_info, s3_handle);
+    if (result != ZORVAN_SUCCESS) return refuse(trace, op, result, false);
+
+    if (zorvan_i_s3_start_worker(rules->worker, transfer_state.get()) != 0) {
+        return refuse(
+            trace, op,
+            ZORVAN_S3_GENERIC_ERROR(rules->source_file, trace.function(), "%s", "zorvan_thread_create"),
+            true);
+    }
+    static_cast<void>(transfer_state.release());
+    return trace.exit_result(ZORVAN_SUCCESS);
+}
 
 zorvan_result_t zorvan_i_s3_receive_register_reads(zorvan_i_s3_receive_t* transfer_state) noexcept {
     zorvan_i_s3_trace_t trace(transfer_state->rules->register_function);
-    if (transfer_state->result != ZORVAN_SUCCESS || transfer_state->eof)
-        return trace.exit_result(ZORVAN_SUCCESS);
+    const auto leave = [&](zorvan_result_t result) {
+        return transfer_state->rules->registration_has_result ? trace.exit_result(result) : result;
+    };
+    if (transfer_state->result != ZORVAN_SUCCESS || transfer_state->eof) return leave(ZORVAN_SUCCESS);
     ZORVAN_S3_LOG(trace, ZORVAN_S3_TRACE, "Currently %d blocks registered, %d blocks pending\n",
                   transfer_state->registered.count(), transfer_state->pending.count());
     size_t block_size = 1;
@@ -66,7 +106,7 @@ zorvan_result_t zorvan_i_s3_receive_register_reads(zorvan_i_s3_receive_t* transf
     while (transfer_state->registered.count() < concurrency) {
         zorvan_i_s3_buffer_pool_t& pool = transfer_state->pool;
         zorvan_i_s3_buffer_t* const buffer = zorvan_i_s3_buffer_get(&pool, block_size);
-        if (!buffer) return trace.exit_result(zorvan_i_s3_malloc_error());
+        if (!buffer) return leave(zorvan_i_s3_malloc_error());
         pool.current = nullptr;
         buffer->offset = -1;
         zorvan_assert_at(buffer->buffer_used == 0, "buffer->buffer_used == 0",
@@ -78,11 +118,11 @@ zorvan_result_t zorvan_i_s3_receive_register_reads(zorvan_i_s3_receive_t* transf
                                                 transfer_state->rules->read_callback, transfer_state);
         if (result != ZORVAN_SUCCESS) {
             zorvan_i_s3_buffer_release(&pool, buffer);
-            return trace.exit_result(result);
+            return leave(result);
         }
         transfer_state->registered.push(buffer);
     }
-    return trace.exit_result(ZORVAN_SUCCESS);
+    return leave(ZORVAN_SUCCESS);
 }
 
 void zorvan_i_s3_receive_keep_reading(zorvan_i_s3_receive_t* transfer_state) noexcept {
@@ -134,8 +174,9 @@ void zorvan_i_s3_receive_read_completed(zorvan_i_s3_receive_t* transfer_state, z
     transfer_state->condition.notify_all();
 }
 
-void zorvan_i_s3_receive_wait_for_data(const zorvan_i_s3_trace_t& trace,
-                                       zorvan_i_s3_receive_t* transfer_state) noexcept {
+namespace {
+/** Wait until the queue has the current offset or nothing more will come. The mutex is held. */
+void wait_for_data(const zorvan_i_s3_trace_t& trace, zorvan_i_s3_receive_t* transfer_state) noexcept {
     const auto ready = [transfer_state] {
         const zorvan_i_s3_buffer_t* const head = transfer_state->pending.head();
         return head && static_cast<uint64_t>(head->offset) == transfer_state->current_offset;
@@ -148,8 +189,10 @@ void zorvan_i_s3_receive_wait_for_data(const zorvan_i_s3_trace_t& trace,
     }
 }
 
-size_t zorvan_i_s3_receive_take(const zorvan_i_s3_trace_t& trace, zorvan_i_s3_receive_t* transfer_state,
-                                char* buffer, size_t size) noexcept {
+/** Take bytes at the current offset, as many as are there and at most `size`. The mutex is held.
+ *  @return how many */
+size_t take(const zorvan_i_s3_trace_t& trace, zorvan_i_s3_receive_t* transfer_state, char* buffer,
+            size_t size) noexcept {
     size_t bytes_copied = 0;
     while (bytes_copied < size) {
         zorvan_i_s3_buffer_t* const s3_buffer = transfer_state->pending.head();
@@ -175,6 +218,17 @@ size_t zorvan_i_s3_receive_take(const zorvan_i_s3_trace_t& trace, zorvan_i_s3_re
     }
     return bytes_copied;
 }
+}  // namespace
+
+int zorvan_i_s3_receive_data(const zorvan_i_s3_trace_t& trace, zorvan_i_s3_receive_t* transfer_state,
+                             int buffer_size, char* buffer, uint64_t room) noexcept {
+    ZORVAN_S3_LOG(trace, ZORVAN_S3_TRACE, "recv_single_data: op=%p buffer_size=%d buffer=%p\n",
+                  zorvan_i_s3_pointer(transfer_state->op), buffer_size, static_cast<void*>(buffer));
+    wait_for_data(trace, transfer_state);
+    if (transfer_state->result != ZORVAN_SUCCESS) return -1;
+    const auto size = std::min<uint64_t>(static_cast<uint64_t>(buffer_size), room);
+    return static_cast<int>(take(trace, transfer_state, buffer, size));
+}
 
 void zorvan_i_s3_receive_wait_for_reads(zorvan_i_s3_receive_t* transfer_state) noexcept {
     while (!transfer_state->registered.empty())
@@ -189,18 +243,6 @@ void zorvan_i_s3_receive_finish(const zorvan_i_s3_trace_t& trace,
     zorvan_gridftp_server_finished_transfer(transfer_state->op, transfer_state->result);
 }
 
-zorvan_result_t zorvan_i_s3_receive_refuse(zorvan_i_s3_trace_t& trace, zorvan_gridftp_server_operation_t op,
-                                           zorvan_result_t result, bool logged) noexcept {
-    /* The line comes first: finishing hands the error object over. */
-    trace.exit_result(result);
-    if (logged) {
-        ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "finished_transfer: op=%p result=%#x\n", zorvan_i_s3_pointer(op),
-                      result);
-    }
-    zorvan_gridftp_server_finished_transfer(op, result);
-    return result;
-}
-
 S3Status zorvan_i_s3_receive_properties(const char* function,
                                         zorvan_i_s3_receive_t* transfer_state) noexcept {
     zorvan_i_s3_trace_t trace(function);
@@ -208,11 +250,12 @@ S3Status zorvan_i_s3_receive_properties(const char* function,
 }
 
 void zorvan_i_s3_receive_complete(const char* function, const char* source_file, S3Status status,
-                                  const S3ErrorDetails* error_details,
-                                  zorvan_i_s3_receive_t* transfer_state) noexcept {
+                                  const S3ErrorDetails* error_details, zorvan_i_s3_receive_t* transfer_state,
+                                  bool tells_result) noexcept {
     zorvan_i_s3_trace_t trace(function);
     zorvan_assert_at(transfer_state != nullptr, "transfer_state != NULL", source_file, __LINE__);
     zorvan_i_s3_record_failure(transfer_state, status, transfer_state->transfer_info->pathname, error_details,
                                zorvan_i_s3_keep_t::first);
+    if (tells_result) zorvan_i_s3_log_result(function, transfer_state->result);
     trace.exit_status(status);
 }

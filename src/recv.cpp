@@ -4,18 +4,15 @@
  * Flow: limits are checked against the configured part size; then one PUT, a fresh multipart upload or the
  * continuation of an earlier one takes over. Runs on the host's thread.
  */
-#include "s3_request.h"
-
-#include <algorithm>
+#include "receive.h"
 
 namespace {
 constexpr const char* source_file = "recv";
 constexpr int64_t minimum_part_size = 0x500000;    /* 5 MiB */
 constexpr int64_t maximum_part_size = 0x140000000; /* 5 GiB */
 constexpr int64_t default_part_size = 500'000'000;
-constexpr int64_t maximum_part_count = 10'000;
-constexpr int64_t maximum_object_size_configured = 0x50000000000;  /* 5 TiB */
-constexpr int64_t maximum_object_size_default = 5'000'000'000'000; /* decimal, unlike the other */
+/* 5 decimal terabytes, unlike the limit of a configured part size. */
+constexpr int64_t maximum_object_size_default = 5'000'000'000'000;
 
 zorvan_result_t too_large(const char* function) noexcept {
     return ZORVAN_S3_GENERIC_ERROR(source_file, function, "%s", "File upload too large");
@@ -45,7 +42,7 @@ zorvan_result_t dispatch(const char* function, zorvan_gridftp_server_operation_t
             return ZORVAN_S3_GENERIC_ERROR(source_file, function, "%s",
                                            "Multipart upload part size is too large");
         }
-        maximum_object_size = std::min(part_size * maximum_part_count, maximum_object_size_configured);
+        maximum_object_size = zorvan_i_s3_maximum_object_size(part_size);
     }
     const auto unsigned_part_size = static_cast<uint64_t>(part_size);
     if (!transfer_info->truncate) {

@@ -18,16 +18,6 @@ void zorvan_l_s3_recv_single_read_callback(zorvan_gridftp_server_operation_t, zo
                                        nbytes, offset, eof);
 }
 
-constexpr zorvan_i_s3_receive_rules_t single_rules = {
-    .source_file = source_file,
-    .read_line_end = "\n",
-    .register_function = "zorvan_l_s3_recv_register_reads",
-    .read_function = "zorvan_l_s3_recv_single_read_callback",
-    .read_callback = zorvan_l_s3_recv_single_read_callback,
-    .counts_bytes_after_failure = true,
-    .keeps_read_results = false,
-};
-
 zorvan_i_s3_receive_t* state_of(void* callback_data) noexcept {
     return static_cast<zorvan_i_s3_receive_t*>(callback_data);
 }
@@ -43,15 +33,8 @@ void zorvan_l_s3_recv_single_complete(S3Status status, const S3ErrorDetails* err
 
 int zorvan_l_s3_recv_single_data(int buffer_size, char* buffer, void* callback_data) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
-    zorvan_i_s3_receive_t* const transfer_state = state_of(callback_data);
-    ZORVAN_S3_LOG(trace, ZORVAN_S3_TRACE, "recv_single_data: op=%p buffer_size=%d buffer=%p\n",
-                  zorvan_i_s3_pointer(transfer_state->op), buffer_size, static_cast<void*>(buffer));
-    zorvan_i_s3_receive_wait_for_data(trace, transfer_state);
-    if (transfer_state->result != ZORVAN_SUCCESS) return trace.exit(-1);
-    const size_t count =
-        zorvan_i_s3_receive_take(trace, transfer_state, buffer, static_cast<size_t>(buffer_size));
-    if (transfer_state->result != ZORVAN_SUCCESS) return trace.exit(-1);
-    return trace.exit(static_cast<int>(count));
+    return trace.exit(zorvan_i_s3_receive_data(trace, state_of(callback_data), buffer_size, buffer,
+                                               zorvan_i_s3_unknown_size));
 }
 
 /** Make the PUT. The body is never rewound: a repeated request goes on with the bytes that follow. */
@@ -100,25 +83,26 @@ void* zorvan_l_s3_recv_single_thread(void* argument) noexcept {
     zorvan_i_s3_receive_finish(trace, transfer_state.get());
     return nullptr;
 }
+
+constexpr zorvan_i_s3_receive_rules_t single_rules = {
+    .source_file = source_file,
+    .worker = zorvan_l_s3_recv_single_thread,
+    .read_line_end = "\n",
+    .register_function = "zorvan_l_s3_recv_register_reads",
+    .read_function = "zorvan_l_s3_recv_single_read_callback",
+    .read_callback = zorvan_l_s3_recv_single_read_callback,
+    .registration_has_result = true,
+    .counts_bytes_after_failure = true,
+    .keeps_read_results = false,
+};
 }  // namespace
 
 zorvan_result_t zorvan_i_s3_recv_single(zorvan_gridftp_server_operation_t op,
                                         const zorvan_gridftp_server_transfer_info_t* transfer_info,
                                         zorvan_i_s3_handle_t* s3_handle) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
-    ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "recv: op=%p pathname=%s\n", zorvan_i_s3_pointer(op),
-                  transfer_info->pathname);
     std::unique_ptr<zorvan_i_s3_receive_t> transfer_state(new (std::nothrow) zorvan_i_s3_receive_t);
-    if (!transfer_state) return zorvan_i_s3_receive_refuse(trace, op, zorvan_i_s3_malloc_error(), false);
-    const zorvan_result_t result =
-        zorvan_i_s3_receive_set_up(transfer_state.get(), &single_rules, op, transfer_info, s3_handle);
-    if (result != ZORVAN_SUCCESS) return zorvan_i_s3_receive_refuse(trace, op, result, false);
-    transfer_state->size_limit = static_cast<uint64_t>(transfer_info->alloc_size);
-
-    if (zorvan_i_s3_start_worker(zorvan_l_s3_recv_single_thread, transfer_state.get()) != 0) {
-        return zorvan_i_s3_receive_refuse(
-            trace, op, ZORVAN_S3_GENERIC_ERROR(source_file, __func__, "%s", "zorvan_thread_create"), true);
-    }
-    static_cast<void>(transfer_state.release());
-    return trace.exit_result(ZORVAN_SUCCESS);
+    if (transfer_state) transfer_state->size_limit = static_cast<uint64_t>(transfer_info->alloc_size);
+    return zorvan_i_s3_receive_start(trace, std::move(transfer_state), &single_rules, op, transfer_info,
+                                     s3_handle);
 }

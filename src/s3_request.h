@@ -37,6 +37,9 @@ enum class zorvan_i_s3_keep_t { first, last };
 void zorvan_i_s3_record_failure(zorvan_i_s3_request_state_t* state, S3Status status, const char* path,
                                 const S3ErrorDetails* error_details, zorvan_i_s3_keep_t keep) noexcept;
 
+/** A properties handler that has nothing to read. */
+S3Status zorvan_i_s3_accept_properties(const char* function) noexcept;
+
 /** The pause before a further attempt, in microseconds; computed in 32 bits as the rule says, and so possibly
  * negative, which means no pause. */
 int32_t zorvan_i_s3_retry_pause(int try_count) noexcept;

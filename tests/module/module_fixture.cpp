@@ -194,9 +194,9 @@ void ModuleTest::call_send(Operation& op, const std::string& path) {
     iface->send(&op, info, session);
 }
 
-void ModuleTest::call_recv(Operation& op, const std::string& path, int64_t alloc_size, bool truncate,
-                           const std::optional<std::string>& checksum,
-                           const std::optional<std::string>& algorithm) {
+const zorvan_gridftp_server_transfer_info_t* ModuleTest::transfer_record(
+    const std::string& path, int64_t alloc_size, bool truncate, const std::optional<std::string>& checksum,
+    const std::optional<std::string>& algorithm) {
     auto record = std::make_unique<Records::Record<zorvan_gridftp_server_transfer_info_t>>();
     record->path = path;
     record->checksum = checksum.value_or("");
@@ -207,10 +207,25 @@ void ModuleTest::call_recv(Operation& op, const std::string& path, int64_t alloc
                     checksum ? record->checksum.c_str() : nullptr,
                     algorithm ? record->algorithm.c_str() : nullptr,
                     1};
-    const auto* info = &record->info;
     records_->transfers.push_back(std::move(record));
+    return &records_->transfers.back()->info;
+}
+
+void ModuleTest::call_recv(Operation& op, const std::string& path, int64_t alloc_size, bool truncate,
+                           const std::optional<std::string>& checksum,
+                           const std::optional<std::string>& algorithm) {
+    const auto* info = transfer_record(path, alloc_size, truncate, checksum, algorithm);
     const InModule inside;
     iface->recv(&op, info, session);
+}
+
+void ModuleTest::call_recv_multipart(Operation& op, const std::string& path, int64_t alloc_size,
+                                     uint64_t total_size, uint64_t part_size, bool resume,
+                                     const std::optional<std::string>& checksum,
+                                     const std::optional<std::string>& algorithm) {
+    const auto* info = transfer_record(path, alloc_size, !resume, checksum, algorithm);
+    const InModule inside;
+    static_cast<void>(zorvan_i_s3_recv_multipart(&op, info, total_size, part_size, resume, session));
 }
 
 void ModuleTest::call_command(Operation& op, int code, const std::optional<std::string>& path,

@@ -75,6 +75,11 @@ class ModuleTest : public ::testing::Test {
     void call_recv(Operation& op, const std::string& path, int64_t alloc_size, bool truncate = true,
                    const std::optional<std::string>& checksum = std::nullopt,
                    const std::optional<std::string>& algorithm = std::nullopt);
+    /// A multipart upload, without the choice of the entry: parts may be smaller than it allows.
+    void call_recv_multipart(Operation& op, const std::string& path, int64_t alloc_size, uint64_t total_size,
+                             uint64_t part_size, bool resume,
+                             const std::optional<std::string>& checksum = std::nullopt,
+                             const std::optional<std::string>& algorithm = std::nullopt);
     /// A command; absent texts are null.
     void call_command(Operation& op, int code, const std::optional<std::string>& path,
                       const std::optional<std::string>& from = std::nullopt,
@@ -101,6 +106,10 @@ class ModuleTest : public ::testing::Test {
 
   private:
     struct Records;
+    const zorvan_gridftp_server_transfer_info_t* transfer_record(const std::string& path, int64_t alloc_size,
+                                                                 bool truncate,
+                                                                 const std::optional<std::string>& checksum,
+                                                                 const std::optional<std::string>& algorithm);
     std::string folder_;
     std::string log_path_;
     bool active_ = false;

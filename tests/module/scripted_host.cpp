@@ -429,6 +429,7 @@ void zorvan_gridftp_server_update_bytes_recvd(zorvan_gridftp_server_operation_t 
 void zorvan_gridftp_server_update_range_recvd(zorvan_gridftp_server_operation_t op, zorvan_off_t offset,
                                               zorvan_off_t length) {
     const OutOfModule outside;
+    trace_add("update_range_recvd");
     const std::lock_guard lock(op->mutex);
     op->range_updates.emplace_back(offset, length);
 }
@@ -451,9 +452,11 @@ zorvan_result_t zorvan_gridftp_server_get_read_range(zorvan_gridftp_server_opera
 zorvan_result_t zorvan_gridftp_server_get_write_range(zorvan_gridftp_server_operation_t op,
                                                       zorvan_off_t* offset, zorvan_off_t* length) {
     const OutOfModule outside;
+    trace_add("get_write_range");
     const std::lock_guard lock(op->mutex);
-    *offset = op->write_range.first;
-    *length = op->write_range.second;
+    if (!op->write_range) return ZORVAN_FAILURE;
+    *offset = op->write_range->first;
+    *length = op->write_range->second;
     return ZORVAN_SUCCESS;
 }
 

@@ -100,7 +100,7 @@ struct zorvan_gridftp_server_operation_s {
     std::optional<std::string> config_data;
     std::optional<int64_t> modification_time;  ///< none: the query fails
     std::deque<std::pair<int64_t, int64_t>> read_ranges{{0, -1}};
-    std::pair<int64_t, int64_t> write_range{0, -1};
+    std::optional<std::pair<int64_t, int64_t>> write_range{{0, -1}};  ///< none: the query fails
     std::function<void()> on_finished;  ///< runs inside the first finished call, after it was recorded
 
     // ---- writes (downloads)

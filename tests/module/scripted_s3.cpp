@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -87,6 +88,9 @@ class Request {
         if (!reply_.properties && !reply_.null_properties) return;
         if (call_.properties_called || handler_.propertiesCallback == nullptr) return;
         call_.properties_called = true;
+        if (reply_.properties && reply_.properties->etag == etag_of_body)
+            reply_.properties->etag = "\"" + md5_of(call_.body) + "\"";
+        if (reply_.properties) call_.etag = reply_.properties->etag;
         if (reply_.null_properties) {
             const InModule inside;
             keep(handler_.propertiesCallback(nullptr, data_));
@@ -116,7 +120,7 @@ class Request {
     void take_body(S3PutObjectDataCallback* callback, uint64_t length) {
         const bool failing = !good();
         const uint64_t wanted = reply_.take ? *reply_.take : (failing ? 0 : length);
-        std::string buffer(static_cast<size_t>(pull_size()), '\0');
+        std::string buffer(std::min<uint64_t>(static_cast<uint64_t>(pull_size()), length), '\0');
         while (call_.body.size() < wanted) {
             const auto room = std::min<uint64_t>(buffer.size(), length - call_.body.size());
             int got = 0;
@@ -538,6 +542,7 @@ void S3_initiate_multipart(const S3BucketContext* bucketContext, const char* key
     if (request.good()) {
         request.properties();
         const auto& id = request.reply().upload_id;
+        call.upload_id = id;
         const InModule inside;
         request.keep(handler->responseXmlCallback(id ? id->c_str() : nullptr, callbackData));
     }
@@ -574,9 +579,11 @@ void S3_complete_multipart_upload(const S3BucketContext* bucketContext, const ch
     call.length = contentLength;
     Request request(call, "S3_complete_multipart_upload", handler->responseHandler, callbackData);
     request.take_body(handler->putObjectDataCallback, contentLength);
+    if (request.good()) request.keep(check_commit(call));
     if (request.good()) {
         request.properties();
-        const auto& reply = request.reply();
+        auto& reply = request.reply();
+        if (reply.commit_etag == etag_of_body) reply.commit_etag = commit_etag(call);
         const InModule inside;
         request.keep(handler->responseXmlCallback(
             reply.commit_location ? reply.commit_location->c_str() : nullptr,

@@ -87,9 +87,13 @@ struct S3Call {
     std::thread::id thread;
     std::string body;        ///< what was taken from a put-data callback
     std::vector<int> pulls;  ///< what each put-data call returned
+    Text etag;               ///< what the reply's properties told
     S3Status status{};       ///< how it ended
     bool properties_called = false;
 };
+
+/// As an ETag: the quoted MD5 of the body that the call sends; of a commit: what follows from its parts.
+extern const char* const etag_of_body;
 
 /// What a reply's headers tell.
 struct Properties {
@@ -172,10 +176,25 @@ struct Object {
     PutRecord put;
 };
 
+/// A part of an upload in progress.
+struct StoredPart {
+    std::string data;
+    std::string etag;
+};
+
+/// A multipart upload in progress.
+struct Upload {
+    std::string key;
+    int64_t initiated = -1;
+    PutRecord put;
+    std::map<int, StoredPart> parts;
+};
+
 struct Bucket {
     int64_t created = -1;
     Text region;
     std::map<std::string, Object> objects;
+    std::map<std::string, Upload> uploads;  ///< by upload id
 };
 
 /// Answers a call, or declines (no value) and leaves it to the next rule.
@@ -199,7 +218,7 @@ void s3_pull_size(int bytes);
 void s3_retry_after_data(bool retryable);
 /// How many bytes one get-data callback carries when the store answers (16384).
 void s3_push_size(size_t bytes);
-/// How many entries a page of the store's listing holds (1000).
+/// How many entries a page of the store's listings holds (1000).
 void s3_page_size(size_t entries);
 
 /// The store. Fill it before the module runs.
@@ -208,6 +227,11 @@ Bucket& s3_bucket(const std::string& name);
 Object& s3_object(const std::string& bucket, const std::string& key, const std::string& data);
 /// The object of that name, or null.
 const Object* s3_find(const std::string& bucket, const std::string& key);
+/// An upload in progress, with parts of these data, from number 1.
+Upload& s3_upload(const std::string& bucket, const std::string& key, const std::string& id, int64_t initiated,
+                  const std::vector<std::string>& parts = {});
+/// The ids of a bucket's uploads in progress.
+std::vector<std::string> s3_upload_ids(const std::string& bucket);
 /// Keys of a user of the gateway.
 void s3_user(const std::string& name, std::vector<UserKey> keys);
 
@@ -215,6 +239,8 @@ void s3_user(const std::string& name, std::vector<UserKey> keys);
 std::vector<S3Call> s3_calls();
 /// Those of one kind.
 std::vector<S3Call> s3_calls(S3Kind kind);
+/// The MD5 of a text in hexadecimal.
+std::string md5_of(const std::string& data);
 /// Make error details live as long as the returned function needs them.
 void with_details(const std::optional<Details>& details,
                   const std::function<void(const S3ErrorDetails*)>& use);

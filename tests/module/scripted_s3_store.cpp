@@ -22,6 +22,7 @@ std::vector<S3Call> calls;
 int pull_bytes = 65536;
 size_t push_bytes = 16384;
 size_t page_entries = 1000;
+int uploads_begun = 0;
 bool retries_after_data = false;
 
 Reply failed(S3Status status) {
@@ -124,8 +125,44 @@ Reply user(const S3Call& call) {
     return reply;
 }
 
-Reply from_store(const S3Call& call) {
+Reply upload_call(const S3Call& call) {
+    const auto bucket = buckets.find(call.context.bucket.value_or(""));
+    if (bucket == buckets.end()) return failed(S3StatusErrorNoSuchBucket);
+    auto reply = answer_upload_call(bucket->second, call, page_entries);
+    // Never an id that another upload has or had.
+    if (call.kind == S3Kind::initiate_multipart) reply.upload_id = "2~new" + std::to_string(++uploads_begun);
+    return reply;
+}
+
+// A request on an object without a key would be one on its bucket: the library refuses it.
+bool lacks_key(const S3Call& call) {
     switch (call.kind) {
+        case S3Kind::put_object:
+        case S3Kind::get_object:
+        case S3Kind::delete_object:
+        case S3Kind::copy_object:
+        case S3Kind::restore_object:
+        case S3Kind::initiate_multipart:
+        case S3Kind::upload_part:
+        case S3Kind::complete_multipart:
+        case S3Kind::abort_multipart:
+        case S3Kind::list_parts:
+            return call.key.value_or("").empty() || call.destination_key == "";
+        default:
+            return false;
+    }
+}
+
+Reply from_store(const S3Call& call) {
+    if (lacks_key(call)) return failed(S3StatusErrorUserKeyMustBeSpecified);
+    switch (call.kind) {
+        case S3Kind::initiate_multipart:
+        case S3Kind::upload_part:
+        case S3Kind::complete_multipart:
+        case S3Kind::abort_multipart:
+        case S3Kind::list_parts:
+        case S3Kind::list_uploads:
+            return upload_call(call);
         case S3Kind::head_object:
             return head(call);
         case S3Kind::get_object:
@@ -151,6 +188,7 @@ void apply(const S3Call& call) {
     if (call.kind == S3Kind::delete_bucket) buckets.erase(call.context.bucket.value_or(""));
     const auto found = buckets.find(call.context.bucket.value_or(""));
     if (found == buckets.end()) return;
+    apply_upload_call(found->second, call);
     auto& objects = found->second.objects;
     if (call.kind == S3Kind::delete_object) objects.erase(call.key.value_or(""));
     if (call.kind == S3Kind::put_object) {
@@ -203,6 +241,19 @@ void end(size_t index, const S3Call& call) {
     if (call.status == S3StatusOK) apply(call);
 }
 
+S3Status check_commit(const S3Call& call) {
+    const std::lock_guard lock(mutex);
+    const auto found = buckets.find(call.context.bucket.value_or(""));
+    if (found == buckets.end()) return S3StatusErrorNoSuchBucket;
+    if (!parse_commit(call.body)) return S3StatusErrorMalformedXML;
+    return assemble(found->second, call) ? S3StatusOK : S3StatusErrorInvalidPart;
+}
+
+std::string commit_etag(const S3Call& call) {
+    const std::lock_guard lock(mutex);
+    return assemble(buckets[call.context.bucket.value_or("")], call)->properties.etag.value_or("");
+}
+
 int pull_size() {
     const std::lock_guard lock(mutex);
     return pull_bytes;
@@ -220,6 +271,7 @@ void s3_reset() {
     pull_bytes = 65536;
     push_bytes = 16384;
     page_entries = 1000;
+    uploads_begun = 0;
     retries_after_data = false;
 }
 
@@ -290,6 +342,25 @@ Object& s3_object(const std::string& bucket, const std::string& key, const std::
 const Object* s3_find(const std::string& bucket, const std::string& key) {
     const std::lock_guard lock(mutex);
     return find_locked(bucket, key);
+}
+
+Upload& s3_upload(const std::string& bucket, const std::string& key, const std::string& id, int64_t initiated,
+                  const std::vector<std::string>& parts) {
+    const std::lock_guard lock(mutex);
+    auto& upload = buckets[bucket].uploads[id];
+    upload.key = key;
+    upload.initiated = initiated;
+    for (const auto& data : parts)
+        upload.parts[static_cast<int>(upload.parts.size()) + 1] = {data, "\"" + md5_of(data) + "\""};
+    return upload;
+}
+
+std::vector<std::string> s3_upload_ids(const std::string& bucket) {
+    const std::lock_guard lock(mutex);
+    std::vector<std::string> ids;
+    for (const auto& [id, upload] : buckets[bucket].uploads)
+        ids.push_back(id);
+    return ids;
 }
 
 void s3_user(const std::string& name, std::vector<UserKey> keys) {

@@ -1,29 +1,10 @@
 // Downloads.
-#include <openssl/evp.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "transfer_fixture.h"
 
 using namespace module_test;
-
-namespace module_test {
-
-std::string md5_of(const std::string& data) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr);
-    std::string text;
-    for (unsigned i = 0; i < length; ++i) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", digest[i]);
-        text += digits;
-    }
-    return text;
-}
-
-}  // namespace module_test
 
 namespace {
 

@@ -43,7 +43,4 @@ class TransferTest : public ModuleTest {
     }
 };
 
-/// The MD5 of a text in hexadecimal.
-std::string md5_of(const std::string& data);
-
 }  // namespace module_test
