@@ -6,6 +6,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
+#include "out_of_memory.h"
+
 namespace zorvan::gridftp {
 
 struct async_event::state {
@@ -22,7 +24,9 @@ void async_event::notify() const noexcept {
     if (state_->word.exchange(state::notified) == state::waiting) {
         // The timer belongs to the waiter's strand: cancel it there. A cancel that comes late wakes a later
         // wait early, which waiters allow for.
-        asio::post(state_->timer.get_executor(), [kept = state_] { kept->timer.cancel(); });
+        // Whoever waits must not wait for ever because there is no memory just now.
+        run_until_memory(
+            [this] { asio::post(state_->timer.get_executor(), [kept = state_] { kept->timer.cancel(); }); });
     }
 }
 

@@ -1,4 +1,6 @@
 // A session's operations without file data: start, stat, commands; and what all operations share.
+#include <fmt/format.h>
+
 #include <cstring>
 #include <utility>
 
@@ -25,7 +27,11 @@ backend_session::implementation::implementation(std::shared_ptr<session_core> se
 task<std::shared_ptr<operation>> backend_session::implementation::begin(operation_kind kind) {
     // The entries of a session are called one at a time, and an entry may return long after its operation
     // was finished.
-    while (last && !last->entry_returned()) {
+    const auto entry_is_running = [this] {
+        const auto previous = last.lock();
+        return previous && !previous->entry_over();
+    };
+    while (entry_is_running()) {
         co_await event.wait();
     }
     auto op = operation::create(kind, core, event);
@@ -157,7 +163,24 @@ task<command_outcome> backend_session::command(command_request request, progress
         outcome.error = implementation::unsupported();
         co_return outcome;
     }
+    // What only reads need not be waited for once nobody wants to know.
+    const bool only_reads = request.command == ZORVAN_GRIDFTP_SERVER_COMMAND_CKSM;
+    user_limit::place place;
+    if (only_reads) {
+        auto& checksums = self.core->shared.checksums();
+        place = checksums.take(self.core->record.user_name);
+        if (!place) {
+            outcome.error = operation_error::server(
+                450, {},
+                fmt::format(
+                    "{} checksums are running for you, as many as checksums_per_user allows; try again "
+                    "when one has ended.",
+                    checksums.most()));
+            co_return outcome;
+        }
+    }
     auto op = co_await self.begin(operation_kind::command);
+    op->hold(std::move(place));
     auto& records = op->records;
     records.path = std::move(request.path);
     records.from_path = std::move(request.from_path);
@@ -192,6 +215,11 @@ task<command_outcome> backend_session::command(command_request request, progress
         }
         if (finished) {
             break;
+        }
+        if (only_reads && self.stopped()) {
+            op->abandon();
+            outcome.aborted = true;
+            co_return outcome;
         }
         co_await self.event.wait();
     }

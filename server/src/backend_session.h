@@ -91,7 +91,7 @@ class progress_sink {
 
 struct command_outcome {
     std::optional<operation_error> error;
-    bool aborted = false;
+    bool aborted = false;             ///< abort() came before the end
     std::optional<std::string> text;  ///< checksum, or a reply of the back end's own
 };
 
@@ -104,6 +104,8 @@ struct byte_range {
 struct send_request {
     std::string path;
     std::vector<byte_range> ranges{byte_range{}};  ///< at least one, in the order to send
+    std::size_t connections = 0;     ///< extended mode: data connections to open; 0 = stream mode
+    std::uint64_t offset_shift = 0;  ///< extended mode: the place that the client sees as offset 0
 };
 
 struct receive_request {
@@ -111,6 +113,8 @@ struct receive_request {
     bool append = false;                          ///< APPE: where to write is found out by a stat of the path
     std::int64_t write_offset = 0;                ///< from REST or ESTO; 0 = an ordinary, truncating store
     std::optional<std::uint64_t> announced_size;  ///< bytes to come, above 0; none = find out first
+    bool extended = false;                        ///< extended mode
+    std::uint64_t offset_shift = 0;               ///< extended mode: added to the blocks' offsets
     std::optional<std::string> expected_checksum;   ///< of the bytes to come, hexadecimal
     std::string expected_checksum_algorithm;        ///< as the client wrote it
     std::optional<std::int64_t> modification_time;  ///< seconds since the epoch
@@ -157,6 +161,9 @@ class backend_session {
     ~backend_session();
 
     task<stat_outcome> stat(std::string path, bool file_only, stat_sink& sink);
+    /// Checksums change nothing, so they are the exception to the rule above: after abort() the coroutine
+    /// returns at once and the back end's work goes on unseen. How many run for one user at a time, those
+    /// included, is limited: one too many is refused with 450.
     task<command_outcome> command(command_request request, progress_sink& sink);
     /// The connector is asked for a stream when the back end begins its transfer.
     task<transfer_outcome> send(send_request request, data_connector& connector, transfer_events& events);

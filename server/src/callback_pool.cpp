@@ -1,7 +1,7 @@
 // The growing pool. A thread is started when there are more tasks than idle threads.
 #include "callback_pool.h"
 
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -9,6 +9,9 @@
 
 namespace zorvan::gridftp {
 namespace {
+
+// Between two tries to start a pool's only thread.
+constexpr std::chrono::milliseconds thread_pause{10};
 
 class function_task final : public pool_task {
   public:
@@ -32,27 +35,40 @@ void callback_pool::submit(std::function<void()> function) {
     submit(std::make_shared<function_task>(std::move(function)));
 }
 
-void callback_pool::submit(std::shared_ptr<pool_task> task) {
-    bool grow = false;
-    {
-        const std::lock_guard lock(mutex_);
-        queue_.push_back(std::move(task));
-        grow = queue_.size() > idle_;
-        if (grow) {
-            ++threads_;
-        }
-    }
-    if (!grow) {
+void callback_pool::submit(std::shared_ptr<pool_task> task) noexcept {
+    std::unique_lock lock(mutex_);
+    auto* added = task.get();
+    (last_ != nullptr ? last_->next_ : first_) = std::move(task);
+    last_ = added;
+    ++queued_;
+    if (queued_ <= idle_) {
+        lock.unlock();
         work_.notify_one();
         return;
     }
+    ++threads_;
+    lock.unlock();
+    while (!start_thread()) {
+        lock.lock();
+        if (threads_ > 1) {
+            --threads_;
+            gone_.notify_all();
+            return;
+        }
+        // Nobody else would ever come to it.
+        lock.unlock();
+        std::this_thread::sleep_for(thread_pause);
+    }
+}
+
+bool callback_pool::start_thread() noexcept {
     try {
         std::thread([this] { serve(); }).detach();
-    } catch (const std::system_error& failure) {
-        log_line(ZORVAN_GFS_LOG_ERROR, std::string("no thread for a back end: ") + failure.what());
-        const std::lock_guard lock(mutex_);
-        --threads_;
-        gone_.notify_all();
+        return true;
+    } catch (const std::exception& failure) {
+        log_line(ZORVAN_GFS_LOG_ERROR, "no thread for a back end");
+        log_line(ZORVAN_GFS_LOG_ERROR, failure.what());
+        return false;
     }
 }
 
@@ -69,16 +85,18 @@ std::size_t callback_pool::busy_threads() const {
 void callback_pool::serve() noexcept {
     std::unique_lock lock(mutex_);
     for (;;) {
-        if (queue_.empty() && !stopping_) {
+        if (queued_ == 0 && !stopping_) {
             ++idle_;
-            work_.wait_for(lock, idle_time_, [this] { return !queue_.empty() || stopping_; });
+            work_.wait_for(lock, idle_time_, [this] { return queued_ != 0 || stopping_; });
             --idle_;
         }
-        if (queue_.empty()) {
+        if (queued_ == 0) {
             break;
         }
-        auto task = std::move(queue_.front());
-        queue_.pop_front();
+        auto task = std::move(first_);
+        first_ = std::move(task->next_);
+        last_ = first_ ? last_ : nullptr;
+        --queued_;
         lock.unlock();
         task->run();
         // What the task held may need the pool again when it goes.

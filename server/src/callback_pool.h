@@ -8,19 +8,23 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 
 namespace zorvan::gridftp {
 
-/// Something that a pool thread runs.
+/// Something that a pool thread runs. In the queue once at a time; it may be submitted again when run() has
+/// begun.
 class pool_task {
   public:
     virtual ~pool_task() = default;
     /// Runs once per submission, on a thread that serves nothing else meanwhile.
     virtual void run() noexcept = 0;
+
+  private:
+    friend class callback_pool;
+    std::shared_ptr<pool_task> next_;  // so that queueing needs no memory
 };
 
 class callback_pool {
@@ -31,11 +35,11 @@ class callback_pool {
     /// Runs what is queued and waits for every thread.
     ~callback_pool();
 
-    /// Queue a task; any thread; does not block. The task is kept until it has run. When no thread can be had
-    /// the task waits for one that becomes free.
-    void submit(std::shared_ptr<pool_task> task);
+    /// Queue a task; any thread; cannot fail. The task is kept until it has run. When no further thread can
+    /// be had the task waits for one that becomes free; only when there is none at all does the caller wait.
+    void submit(std::shared_ptr<pool_task> task) noexcept;
 
-    /// The same for a function.
+    /// The same for a function. Throws when there is no memory for it.
     void submit(std::function<void()> function);
 
     std::size_t threads() const;
@@ -43,12 +47,15 @@ class callback_pool {
 
   private:
     void serve() noexcept;
+    bool start_thread() noexcept;
 
     const std::chrono::milliseconds idle_time_;
     mutable std::mutex mutex_;
     std::condition_variable work_;
     std::condition_variable gone_;
-    std::deque<std::shared_ptr<pool_task>> queue_;
+    std::shared_ptr<pool_task> first_;
+    pool_task* last_ = nullptr;
+    std::size_t queued_ = 0;
     std::size_t threads_ = 0;
     std::size_t idle_ = 0;
     bool stopping_ = false;

@@ -6,6 +6,9 @@
  */
 #include "config.h"
 
+// toml++ asserts what its next lines check: a mistake in the file is to be reported by debug builds, too.
+#define TOML_ASSERT(expr) static_assert(true)
+
 #include <fmt/format.h>
 #include <toml++/toml.h>
 #include <zorvan_common.h>
@@ -19,6 +22,7 @@
 #include <set>
 #include <sstream>
 
+#include "data_address.h"
 #include "text.h"
 
 namespace zorvan::gridftp {
@@ -153,7 +157,8 @@ class table_reader {
 
   private:
     std::string full(std::string_view key) const {
-        return name_.empty() ? std::string(key) : fmt::format("{}.{}", name_, key);
+        // A quoted key of TOML may hold anything, a line end included.
+        return name_.empty() ? printable(key) : fmt::format("{}.{}", name_, printable(key));
     }
 
     std::string absolute(const toml::node& node, std::string_view key, const std::string& value) const {
@@ -208,9 +213,8 @@ void read_server(const toml::table& table, const fs::path& file, server_config& 
     if (const auto value = reader.number("threads", 0, 1024)) config.threads = static_cast<unsigned>(*value);
     reader.read("banner", config.banner);
     if (const auto value = reader.text("public_address"); value && !value->empty()) {
-        boost::system::error_code error;
-        const auto address = boost::asio::ip::make_address(*value, error);
-        if (error || !address.is_v4()) {
+        const auto address = parse_address(*value);
+        if (!address || !address->is_v4()) {
             reader.fail(*reader.find("public_address"), "public_address",
                         fmt::format("\"{}\" is not a numeric IPv4 address", printable(*value)));
         }
@@ -229,6 +233,9 @@ void read_server(const toml::table& table, const fs::path& file, server_config& 
         config.concurrency = static_cast<int>(*value);
     if (const auto value = reader.number("update_interval", 0, 86400)) {
         config.update_interval = static_cast<int>(*value);
+    }
+    if (const auto value = reader.number("checksums_per_user", 1, 10000)) {
+        config.checksums_per_user = static_cast<std::size_t>(*value);
     }
     reader.end();
 }
@@ -365,11 +372,10 @@ std::optional<listen_address> parse_listen_address(std::string_view text) {
     std::string_view host = text.substr(0, colon);
     const bool bracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
     if (bracketed) host = host.substr(1, host.size() - 2);
-    boost::system::error_code error;
-    const auto address = boost::asio::ip::make_address(std::string(host), error);
+    const auto address = parse_address(host);
     const auto port = parse_decimal(text.substr(colon + 1));
-    if (error || !port || *port > 65535 || address.is_v6() != bracketed) return std::nullopt;
-    return listen_address{address, static_cast<std::uint16_t>(*port)};
+    if (!address || !port || *port > 65535 || address->is_v6() != bracketed) return std::nullopt;
+    return listen_address{*address, static_cast<std::uint16_t>(*port)};
 }
 
 bool is_log_level(std::string_view text) {

@@ -50,9 +50,10 @@ struct server_config {
         public_address_v4;           /**< shown by PASV instead of the local address */
     std::uint16_t passive_first = 0; /**< 0 = any port */
     std::uint16_t passive_last = 0;
-    std::size_t block_size = 262144; /**< bytes */
-    int concurrency = 4;             /**< blocks in flight per transfer */
-    int update_interval = 5;         /**< seconds between progress replies; 0 = none */
+    std::size_t block_size = 262144;    /**< bytes */
+    int concurrency = 4;                /**< blocks in flight per transfer */
+    int update_interval = 5;            /**< seconds between progress replies; 0 = none */
+    std::size_t checksums_per_user = 8; /**< checksums that run for one user at a time, over all sessions */
 
     // [backend]
     std::string backend_name = "ceph";
@@ -67,7 +68,7 @@ struct server_config {
     // [spool]
     bool spool_enabled = true;
     std::string spool_directory = "/var/tmp";
-    std::uint64_t spool_memory = 64ULL << 20U; /**< bytes, for the whole process */
+    std::uint64_t spool_memory = 16ULL << 20U; /**< bytes, for the whole process */
     std::uint64_t spool_limit = 16ULL << 30U;  /**< bytes, for the whole process */
 
     // [log]

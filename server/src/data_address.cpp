@@ -13,6 +13,15 @@ namespace zorvan::gridftp {
 
 namespace ip = boost::asio::ip;
 
+std::optional<ip::address> parse_address(std::string_view text) {
+    // make_address() reads a C string: what stands behind a NUL it would not see.
+    if (text.find('\0') != std::string_view::npos) return std::nullopt;
+    boost::system::error_code error;
+    const ip::address address = ip::make_address(std::string(text), error);
+    if (error) return std::nullopt;
+    return address;
+}
+
 std::optional<ip::tcp::endpoint> parse_port_argument(std::string_view text) {
     text = trim(text);
     std::array<std::uint8_t, 6> numbers{};
@@ -45,12 +54,11 @@ eprt_verdict parse_eprt_argument(std::string_view text, ip::tcp::endpoint& endpo
     const auto protocol = parse_decimal(fields[0]);
     if (!protocol) return eprt_verdict::malformed;
     if (*protocol != 1 && *protocol != 2) return eprt_verdict::unknown_protocol;
-    boost::system::error_code error;
-    const auto address = ip::make_address(std::string(fields[1]), error);
+    const auto address = parse_address(fields[1]);
     const auto port = parse_decimal(fields[2]);
-    if (error || !port || *port == 0 || *port > 65535) return eprt_verdict::malformed;
-    if (address.is_v4() != (*protocol == 1)) return eprt_verdict::malformed;
-    endpoint = ip::tcp::endpoint(address, static_cast<std::uint16_t>(*port));
+    if (!address || !port || *port == 0 || *port > 65535) return eprt_verdict::malformed;
+    if (address->is_v4() != (*protocol == 1)) return eprt_verdict::malformed;
+    endpoint = ip::tcp::endpoint(*address, static_cast<std::uint16_t>(*port));
     return eprt_verdict::good;
 }
 
@@ -73,10 +81,13 @@ bool is_allowed_data_peer(const ip::tcp::endpoint& endpoint, const ip::address& 
     return peer == own && endpoint.port() >= first_unprivileged;
 }
 
-std::string passive_text(const ip::address_v4& address, std::uint16_t port) {
+std::string port_argument(const ip::address_v4& address, std::uint16_t port) {
     const auto bytes = address.to_bytes();
-    return fmt::format("Entering Passive Mode ({},{},{},{},{},{})", bytes[0], bytes[1], bytes[2], bytes[3],
-                       port / 256, port % 256);
+    return fmt::format("{},{},{},{},{},{}", bytes[0], bytes[1], bytes[2], bytes[3], port / 256, port % 256);
+}
+
+std::string passive_text(const ip::address_v4& address, std::uint16_t port) {
+    return "Entering Passive Mode (" + port_argument(address, port) + ")";
 }
 
 std::string extended_passive_text(std::uint16_t port) {

@@ -11,6 +11,10 @@
 
 namespace zorvan::gridftp {
 
+/** A numeric address that fills the whole text; nothing for anything else, a text with a NUL in it included.
+ */
+std::optional<boost::asio::ip::address> parse_address(std::string_view text);
+
 /** "h1,h2,h3,h4,p1,p2" of PORT. Nothing for anything else. */
 std::optional<boost::asio::ip::tcp::endpoint> parse_port_argument(std::string_view text);
 
@@ -30,6 +34,9 @@ boost::asio::ip::address unmapped(const boost::asio::ip::address& address);
 /** Whether a client may have data sent to an endpoint: its own address, a port from 1024 on (RFC 2577). */
 bool is_allowed_data_peer(const boost::asio::ip::tcp::endpoint& endpoint,
                           const boost::asio::ip::address& client);
+
+/** "h1,h2,h3,h4,p1,p2", as PORT takes and PASV gives it. */
+std::string port_argument(const boost::asio::ip::address_v4& address, std::uint16_t port);
 
 /** Text of a 227 reply. @param address  an IPv4 address */
 std::string passive_text(const boost::asio::ip::address_v4& address, std::uint16_t port);

@@ -101,18 +101,30 @@ std::unique_ptr<passive_listener> passive_listener::open(const asio::any_io_exec
 }
 
 task<connect_result> passive_listener::connect() {
+    connect_result result = co_await connect_more(true);
+    boost::system::error_code ignored;
+    acceptor_.close(ignored);
+    co_return result;
+}
+
+task<connect_result> passive_listener::connect_more(bool limited) {
     if (cancelled_) co_return failed();
-    const auto armed = arm(timer_, rules_.timeout, [this] {
-        timed_out_ = true;
-        boost::system::error_code ignored;
-        acceptor_.close(ignored);
-    });
+    stopped_ = false;
+    std::shared_ptr<bool> armed;
+    if (limited) {
+        armed = arm(timer_, rules_.timeout, [this] {
+            timed_out_ = true;
+            boost::system::error_code ignored;
+            acceptor_.close(ignored);
+        });
+    }
     connect_result result = failed();
     while (acceptor_.is_open()) {
         boost::system::error_code error;
         tcp::socket socket =
             co_await acceptor_.async_accept(asio::redirect_error(asio::use_awaitable, error));
         if (cancelled_ || timed_out_) break;
+        if (error && stopped_) break;
         if (error == asio::error::connection_aborted || error == asio::error::try_again) continue;
         if (error) {
             log_line(ZORVAN_GFS_LOG_WARNING, "accepting a data connection failed: " + error.message());
@@ -128,11 +140,17 @@ task<connect_result> passive_listener::connect() {
         result = connected(std::move(socket), rules_);
         break;
     }
-    *armed = false;
-    timer_.cancel();
-    boost::system::error_code ignored;
-    acceptor_.close(ignored);
+    if (armed) {
+        *armed = false;
+        timer_.cancel();
+    }
     co_return result;
+}
+
+void passive_listener::stop_connecting() noexcept {
+    stopped_ = true;
+    boost::system::error_code ignored;
+    acceptor_.cancel(ignored);
 }
 
 void passive_listener::cancel() noexcept {
@@ -146,8 +164,13 @@ active_connector::active_connector(const asio::any_io_executor& executor, const 
     : socket_(executor), timer_(executor), rules_(rules), endpoint_(std::move(endpoint)) {}
 
 task<connect_result> active_connector::connect() {
+    co_return co_await connect_more(true);
+}
+
+task<connect_result> active_connector::connect_more(bool /*limited*/) {
     if (cancelled_) co_return failed();
     boost::system::error_code error;
+    socket_ = tcp::socket(socket_.get_executor());
     socket_.open(endpoint_.protocol(), error);
     if (error) co_return failed();
     if (rules_.buffer_size != 0) {
@@ -170,6 +193,11 @@ task<connect_result> active_connector::connect() {
     timer_.cancel();
     if (error || cancelled_ || !socket_.is_open()) co_return failed();
     co_return connected(std::move(socket_), rules_);
+}
+
+void active_connector::stop_connecting() noexcept {
+    boost::system::error_code ignored;
+    socket_.close(ignored);
 }
 
 void active_connector::cancel() noexcept {

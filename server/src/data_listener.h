@@ -1,10 +1,10 @@
 /*
  * Data connections in plain TCP: a passive listener (PASV, EPSV) and an active connector (PORT, EPRT).
  *
- * Both are data_connectors of one transfer each, made by the session when the client asks for them and given
- * to the transfer that follows. They live on the session's strand. Only the host at the other end of the
- * control connection gets in or is reached (RFC 2577): a connection from elsewhere is dropped and the
- * listener goes on.
+ * Both are data_connectors of one transfer each - in extended mode of several -, made by the session when the
+ * client asks for them and given to the transfer that follows. They live on the session's strand. Only the
+ * host at the other end of the control connection gets in or is reached (RFC 2577): a connection from
+ * elsewhere is dropped and the listener goes on.
  */
 #pragma once
 
@@ -44,6 +44,9 @@ class passive_listener final : public data_connector {
     std::uint16_t port() const noexcept { return port_; }
 
     task<connect_result> connect() override;
+    task<connect_result> connect_more(bool limited) override;
+    void stop_connecting() noexcept override;
+    bool accepts() const noexcept override { return true; }
     void cancel() noexcept override;
 
   private:
@@ -55,6 +58,7 @@ class passive_listener final : public data_connector {
     data_connection_rules rules_;
     std::uint16_t port_ = 0;
     bool cancelled_ = false;
+    bool stopped_ = false;
     bool timed_out_ = false;
 };
 
@@ -65,6 +69,9 @@ class active_connector final : public data_connector {
                      asio::ip::tcp::endpoint endpoint);
 
     task<connect_result> connect() override;
+    task<connect_result> connect_more(bool limited) override;
+    void stop_connecting() noexcept override;
+    bool accepts() const noexcept override { return false; }
     void cancel() noexcept override;
 
   private:

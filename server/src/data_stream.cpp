@@ -2,6 +2,7 @@
 #include "data_stream.h"
 
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <boost/asio/as_tuple.hpp>
@@ -94,6 +95,11 @@ class tcp_stream final : public data_stream {
     void close() noexcept override {
         boost::system::error_code ignored;
         socket_.close(ignored);
+    }
+
+    bool quiet() noexcept override {
+        pollfd entry{socket_.native_handle(), POLLIN | POLLRDHUP, 0};
+        return !ended_ && ::poll(&entry, 1, 0) == 0;
     }
 
     void set_buffer_sizes(std::size_t receive, std::size_t send) noexcept override {

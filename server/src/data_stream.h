@@ -12,6 +12,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "async.h"
 
@@ -52,6 +53,9 @@ class data_stream {
     /// Close without a reset (as far as unread bytes allow). May be called again.
     virtual void close() noexcept = 0;
 
+    /// Has nothing come from the peer that was not read, neither bytes nor an end? A look at the socket.
+    virtual bool quiet() noexcept { return true; }
+
     /// Room in the kernel's buffers, bytes; a hint, errors are ignored.
     virtual void set_buffer_sizes(std::size_t receive, std::size_t send) noexcept = 0;
 };
@@ -66,7 +70,7 @@ struct connect_result {
     std::string error;     ///< one line for the reply; says nothing internal
 };
 
-/// Opens the data connection of one transfer.
+/// Opens the data connection of one transfer; in extended mode all connections of several transfers.
 class data_connector {
   public:
     data_connector() = default;
@@ -81,6 +85,20 @@ class data_connector {
     /// End a connect() in progress, which then returns without a stream. May be called at any time, on the
     /// strand.
     virtual void cancel() noexcept = 0;
+
+    /// Extended mode: accept or make one more connection. Called again and again, one call at a time, and
+    /// not together with connect(). A connector that knows no extended mode has none.
+    /// @param limited  bound the time as for connect(), or wait for ever
+    virtual task<connect_result> connect_more(bool /*limited*/) { co_return connect_result{}; }
+
+    /// End a connect_more() in progress, which then returns without a stream; later ones are possible.
+    virtual void stop_connecting() noexcept {}
+
+    /// Is it the client that connects? In extended mode the sender of the data does.
+    virtual bool accepts() const noexcept { return true; }
+
+    /// Extended mode: connections that the former transfer has left for the next one.
+    std::vector<std::unique_ptr<data_stream>> kept;
 };
 
 }  // namespace zorvan::gridftp

@@ -1,17 +1,18 @@
-// The calls that move data and the queries of a running operation. Any thread, none blocks.
+// The calls that move data and the queries of a running operation. Any thread, none blocks. No exception
+// leaves.
 #include <zorvan_gridftp_server.h>
 
 #include <algorithm>
 #include <cstring>
 
 #include "operation.h"
+#include "out_of_memory.h"
 
 using namespace zorvan::gridftp;
 
 namespace {
 
 zorvan_result_t copy_out(const std::optional<std::string>& text, char** out) {
-    *out = nullptr;
     if (!text) {
         return ZORVAN_SUCCESS;
     }
@@ -58,7 +59,8 @@ void zorvan_gridftp_server_update_range_recvd(zorvan_gridftp_server_operation_t 
                                               zorvan_off_t length) {
     auto found = operation::find(op);
     if (found && length > 0) {
-        found->add_durable_range(offset, length);
+        // A range that is not offered as a restart point costs a repetition, no more.
+        (void)run_without_throwing([&] { found->add_durable_range(offset, length); });
     }
 }
 
@@ -101,7 +103,7 @@ zorvan_result_t zorvan_gridftp_server_get_optimal_concurrency(zorvan_gridftp_ser
     if (!found || count == nullptr) {
         return ZORVAN_FAILURE;
     }
-    *count = std::max(1, found->session()->shared.config().concurrency);
+    *count = found->concurrency();
     return ZORVAN_SUCCESS;
 }
 
@@ -129,7 +131,13 @@ zorvan_result_t zorvan_gridftp_server_get_update_interval(zorvan_gridftp_server_
 
 zorvan_result_t zorvan_gridftp_server_get_config_string(zorvan_gridftp_server_operation_t /*op*/,
                                                         char** out) {
-    return out != nullptr ? copy_out(backend_options(), out) : ZORVAN_FAILURE;
+    if (out == nullptr) {
+        return ZORVAN_FAILURE;
+    }
+    *out = nullptr;
+    zorvan_result_t result = ZORVAN_FAILURE;
+    (void)run_without_throwing([&] { result = copy_out(backend_options(), out); });
+    return result;
 }
 
 zorvan_result_t zorvan_gridftp_server_get_config_data(zorvan_gridftp_server_operation_t op, const char* key,

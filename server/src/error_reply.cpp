@@ -33,14 +33,14 @@ std::string lines_reply(int code, const std::vector<std::string>& lines) {
     for (std::size_t index = 0; index + 1 < lines.size(); ++index) {
         text += std::to_string(code) + "-" + reply_line(lines[index]);
     }
-    text += reply(code, lines.empty() ? std::string_view("unknown error") : std::string_view(lines.back()));
+    text += reply(code, lines.empty() ? texts::unknown_error : std::string_view(lines.back()));
     return text;
 }
 
 }  // namespace
 
 int error_reply_code(const operation_error& error, error_context context) {
-    if (error.plain_failure) return 500;
+    if (error.plain_failure) return context == error_context::login ? 530 : 500;
     if (error.ftp_code != 0) return error.ftp_code;
     switch (context) {
         case error_context::login:
@@ -57,8 +57,9 @@ int error_reply_code(const operation_error& error, error_context context) {
 }
 
 std::string error_reply(const operation_error& error, error_context context) {
-    if (error.plain_failure) return reply(500, "command not supported by this storage");
     const int code = error_reply_code(error, context);
+    if (error.plain_failure)
+        return reply(code, context == error_context::login ? texts::storage_refused : texts::storage_cannot);
     if (error.ftp_code == 0) return lines_reply(code, error.friendly_lines);
     if (!error.ftp_word.empty()) return coded_reply(error);
     return lines_reply(code, error.text_lines.empty() ? error.friendly_lines : error.text_lines);

@@ -38,23 +38,53 @@ void take_time(session& client, receive_request& request) {
     if (path == request.path && value != -1) request.modification_time = value;
 }
 
-task<void> store(session& client, std::string_view typed, std::int64_t offset, bool append) {
+/** Where an upload goes on whose first part is there. Nothing when what is there is not one first part. */
+std::optional<std::int64_t> restart_offset(const range_list& there) {
+    if (there.empty()) return 0;
+    const std::uint64_t end = there.run_end(0);
+    if (end == 0 || there.size() != 1) return std::nullopt;
+    return static_cast<std::int64_t>(end);
+}
+
+/** What is missing, to the end of the file. */
+std::vector<byte_range> missing(const range_list& there) {
+    std::vector<byte_range> ranges;
+    std::uint64_t begin = 0;
+    for (const auto& [first, last] : there.ranges()) {
+        if (first > begin) {
+            ranges.push_back({static_cast<std::int64_t>(begin), static_cast<std::int64_t>(first - begin)});
+        }
+        begin = last;
+    }
+    ranges.push_back({static_cast<std::int64_t>(begin), -1});
+    return ranges;
+}
+
+/** How an upload is written. */
+enum class store_kind { plain, adjusted, append };
+
+task<void> store(session& client, std::string_view typed, std::int64_t offset, store_kind kind) {
+    const bool append = kind == store_kind::append;
     receive_request request = take_upload_parameters(client, !append);
     std::optional<resolved_path> target = co_await client.resolve_file(typed, 553);
     if (!target) co_return;
     request.path = std::move(target->path);
     request.append = append;
     request.write_offset = offset;
+    // An adjusted store takes the blocks' offsets from where it begins.
+    if (kind == store_kind::adjusted) request.offset_shift = static_cast<std::uint64_t>(offset);
     take_time(client, request);
     co_await client.upload(std::move(request));
 }
 
-task<void> retrieve(session& client, std::string_view typed, byte_range range) {
+task<void> retrieve(session& client, std::string_view typed, std::vector<byte_range> ranges,
+                    std::int64_t shift) {
     std::optional<resolved_path> target = co_await client.resolve_file(typed, 553);
     if (!target) co_return;
     send_request request;
     request.path = std::move(target->path);
-    request.ranges.front() = range;
+    request.ranges = std::move(ranges);
+    request.offset_shift = static_cast<std::uint64_t>(shift);
     co_await client.download(std::move(request));
 }
 
@@ -72,12 +102,12 @@ task<std::optional<stat_record>> stat_typed(session& client, std::string_view ty
 }  // namespace
 
 task<void> handle_retr(session& client, std::string_view argument) {
-    const byte_range range{std::exchange(client.parameters().restart_offset, 0), -1};
-    co_await retrieve(client, argument, range);
+    const range_list there = std::exchange(client.parameters().restart, {});
+    co_await retrieve(client, argument, missing(there), 0);
 }
 
 task<void> handle_eret(session& client, std::string_view argument) {
-    client.parameters().restart_offset = 0;
+    client.parameters().restart = {};
     const command_line module = split_command_line(argument);
     const command_line first = split_command_line(module.argument);
     const command_line second = split_command_line(first.argument);
@@ -91,17 +121,22 @@ task<void> handle_eret(session& client, std::string_view argument) {
         co_await client.answer(501, texts::bad_argument);
         co_return;
     }
-    const byte_range range{*offset, *length};
-    co_await retrieve(client, second.argument, range);
+    std::vector<byte_range> part{byte_range{*offset, *length}};
+    co_await retrieve(client, second.argument, std::move(part), *offset);
 }
 
 task<void> handle_stor(session& client, std::string_view argument) {
-    const std::int64_t offset = std::exchange(client.parameters().restart_offset, 0);
-    co_await store(client, argument, offset, false);
+    const std::optional<std::int64_t> offset = restart_offset(std::exchange(client.parameters().restart, {}));
+    if (!offset) {
+        (void)take_upload_parameters(client, true);
+        co_await client.answer(553, texts::bad_restart);
+        co_return;
+    }
+    co_await store(client, argument, *offset, store_kind::plain);
 }
 
 task<void> handle_esto(session& client, std::string_view argument) {
-    client.parameters().restart_offset = 0;
+    client.parameters().restart = {};
     const command_line module = split_command_line(argument);
     const command_line first = split_command_line(module.argument);
     if (!equals_ignoring_case(module.verb, "A")) {
@@ -113,12 +148,18 @@ task<void> handle_esto(session& client, std::string_view argument) {
         co_await client.answer(501, texts::bad_argument);
         co_return;
     }
-    co_await store(client, first.argument, *offset, false);
+    co_await store(client, first.argument, *offset, store_kind::adjusted);
 }
 
 task<void> handle_appe(session& client, std::string_view argument) {
-    client.parameters().restart_offset = 0;
-    co_await store(client, argument, 0, true);
+    client.parameters().restart = {};
+    if (client.parameters().extended_mode) {
+        // The blocks' offsets would have to be those of a place that the client does not know.
+        (void)take_upload_parameters(client, false);
+        co_await client.answer(504, texts::append_in_stream);
+        co_return;
+    }
+    co_await store(client, argument, 0, store_kind::append);
 }
 
 task<void> handle_stou(session& client, std::string_view) {
@@ -188,10 +229,10 @@ task<void> handle_dele(session& client, std::string_view argument) {
 
 task<void> handle_rnfr(session& client, std::string_view argument) {
     client.parameters().rename_from.reset();
-    std::string path;
-    const std::optional<stat_record> record = co_await stat_typed(client, argument, path);
-    if (!record) co_return;
-    client.parameters().rename_from = path;
+    std::optional<resolved_path> source = co_await client.resolve(argument, 550);
+    if (!source) co_return;
+    // Nothing is asked here: whether the source is there shows when it is copied.
+    client.parameters().rename_from = std::move(source->path);
     co_await client.answer(350, texts::rename_pending);
 }
 
@@ -204,7 +245,7 @@ task<void> handle_rnto(session& client, std::string_view argument) {
     const std::optional<resolved_path> target = co_await client.resolve(argument, 553);
     if (!target) co_return;
     const auto outcome =
-        co_await client.simple_command(ZORVAN_GRIDFTP_SERVER_COMMAND_RNTO, target->path, *from);
+        co_await client.simple_command(ZORVAN_GRIDFTP_SERVER_COMMAND_RNTO, target->path, from);
     if (outcome) co_await client.answer(250, texts::renamed);
 }
 

@@ -6,6 +6,7 @@
 #include "callback_pool.h"
 #include "receive_locks.h"
 #include "spool.h"
+#include "user_limit.h"
 
 namespace zorvan::gridftp {
 namespace {
@@ -28,11 +29,18 @@ void host_gauges::count_operation(int change) {
     changed_.notify_all();
 }
 
+void host_gauges::count_abandoned(int change) {
+    const std::lock_guard lock(mutex_);
+    change_count(abandoned_, change);
+    changed_.notify_all();
+}
+
 host::host(host_config config, asio::any_io_executor io)
     : config_(std::move(config)),
       io_(std::move(io)),
       spool_(std::make_unique<spool_budget>(config_.spool)),
       locks_(std::make_unique<receive_locks>()),
+      checksums_(std::make_unique<user_limit>(config_.checksums_per_user)),
       pool_(std::make_unique<callback_pool>(config_.idle_thread)) {}
 
 host::~host() = default;
@@ -49,6 +57,7 @@ host_counters host::counters() const {
     counts.pool_threads = pool_->threads();
     counts.spool_bytes = spool_->used();
     counts.receive_locks = locks_->held();
+    counts.checksums = checksums_->taken();
     return counts;
 }
 
@@ -56,8 +65,12 @@ bool host::wait_idle(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     {
         std::unique_lock lock(gauges_.mutex_);
-        if (!gauges_.changed_.wait_until(
-                lock, deadline, [this] { return gauges_.sessions_ == 0 && gauges_.operations_ == 0; })) {
+        const bool ended = gauges_.changed_.wait_until(lock, deadline, [this] {
+            // An abandoned operation keeps its session.
+            return gauges_.operations_ == gauges_.abandoned_ &&
+                   (gauges_.abandoned_ > 0 || gauges_.sessions_ == 0);
+        });
+        if (!ended || gauges_.abandoned_ > 0) {
             return false;
         }
     }

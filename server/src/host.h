@@ -19,6 +19,7 @@ namespace zorvan::gridftp {
 class callback_pool;
 class spool_budget;
 class receive_locks;
+class user_limit;
 
 /// What is alive now. All zero when nothing runs (idle pool threads aside).
 struct host_counters {
@@ -29,6 +30,7 @@ struct host_counters {
     std::size_t pool_threads = 0;   ///< pool threads in all
     std::uint64_t spool_bytes = 0;  ///< bytes held by the spool
     std::size_t receive_locks = 0;  ///< paths being received
+    std::size_t checksums = 0;      ///< checksums that count against their users' limit
 };
 
 /// The live counts, kept by the objects themselves.
@@ -37,6 +39,8 @@ class host_gauges {
     /// One more (+1) or less (-1). Any thread.
     void count_session(int change);
     void count_operation(int change);
+    /// Of those: operations whose outcome nobody waits for any more.
+    void count_abandoned(int change);
     std::atomic<std::size_t> callbacks{0};
 
   private:
@@ -45,6 +49,7 @@ class host_gauges {
     std::condition_variable changed_;
     std::size_t sessions_ = 0;
     std::size_t operations_ = 0;
+    std::size_t abandoned_ = 0;
 };
 
 class host {
@@ -61,15 +66,17 @@ class host {
     callback_pool& pool() noexcept { return *pool_; }
     spool_budget& spool() noexcept { return *spool_; }
     receive_locks& locks() noexcept { return *locks_; }
+    user_limit& checksums() noexcept { return *checksums_; }
 
     host_gauges& gauges() noexcept { return gauges_; }
 
     host_counters counters() const;
 
     /// Orderly shutdown, after every control connection was told to go: wait until all sessions are
-    /// destroyed, all operations released and all threads of back ends have ended. Blocks the caller (not an
-    /// I/O thread).
-    /// @return false when the time was over first: then end the process with _exit and deactivate nothing
+    /// destroyed, all operations released and all threads of back ends have ended. Abandoned operations are
+    /// not waited for. Blocks the caller (not an I/O thread).
+    /// @return false when the time was over first, or when nothing but abandoned operations is left: then end
+    /// the process with _exit and deactivate nothing
     bool wait_idle(std::chrono::milliseconds limit);
 
   private:
@@ -78,6 +85,7 @@ class host {
     host_gauges gauges_;
     std::unique_ptr<spool_budget> spool_;
     std::unique_ptr<receive_locks> locks_;
+    std::unique_ptr<user_limit> checksums_;
     // Last, so that its threads end before anything that they use.
     std::unique_ptr<callback_pool> pool_;
 };

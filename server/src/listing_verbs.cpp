@@ -4,7 +4,7 @@
  * Entries go out while later ones are still being fetched: data_listing formats each batch of the back end
  * and sends it, and suspends with a slow client, which holds the back end up. The data connection is opened,
  * and the 150 sent, with the first batch or before the 226, so that a failed listing answers with its error
- * alone.
+ * alone; the 150 does not wait for a client that connects only after it.
  */
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -12,6 +12,7 @@
 #include <array>
 #include <boost/asio/steady_timer.hpp>
 
+#include "connect_beside.h"
 #include "ftp_time.h"
 #include "replies.h"
 #include "server_log.h"
@@ -147,14 +148,26 @@ class data_listing final : public stat_sink {
   private:
     task<void> open() {
         if (stream_ || failed_code_ != 0) co_return;
-        connect_result result = co_await connector_.connect();
+        connect_beside connecting(client_.executor(), connector_);
+        // A connect that fails at once is the whole reply; else the client may be one that connects only
+        // after the 150.
+        const bool settled = co_await connecting.settles_at_once();
+        bool told = true;
+        try {
+            if (!settled || connecting.succeeded()) co_await client_.announce_data();
+        } catch (const std::exception&) {
+            // The connect uses the connector until it has returned.
+            told = false;
+            connector_.cancel();
+        }
+        connect_result result = co_await connecting.result();
+        if (!told) result.stream.reset();
         if (!result.stream) {
             failed_code_ = result.reply_code;
             co_return;
         }
         stream_ = std::move(result.stream);
         client_.watch_data(&connector_, stream_.get());
-        co_await client_.announce_data();
     }
 
     task<void> flush() {
@@ -192,7 +205,7 @@ class data_listing final : public stat_sink {
 };
 
 task<void> list_over_data(session& client, std::string_view typed, listing_form form) {
-    client.parameters().restart_offset = 0;
+    client.parameters().restart = {};
     const std::optional<resolved_path> target = co_await client.resolve(typed, 550);
     if (!target) co_return;
     const std::unique_ptr<data_connector> connector = co_await client.take_connector();

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <iterator>
 #include <unordered_map>
 #include <utility>
 
-#include "server_log.h"
+#include "out_of_memory.h"
 #include "transfer_channel.h"
 
 namespace zorvan::gridftp {
@@ -108,17 +110,17 @@ session_core::~session_core() {
         return;
     }
     // It may block, and this may be any thread.
-    shared.pool().submit([destroy, destroyed = handle, process = &shared] {
-        destroy(destroyed);
-        process->gauges().count_session(-1);
+    run_until_memory([&] {
+        shared.pool().submit([destroy, destroyed = handle, process = &shared] {
+            destroy(destroyed);
+            process->gauges().count_session(-1);
+        });
     });
 }
 
 std::shared_ptr<operation> operation::create(operation_kind kind, std::shared_ptr<session_core> session,
                                              async_event event) {
-    auto op = std::make_shared<operation>(kind, std::move(session), std::move(event));
-    table().add(op->id_, op);
-    return op;
+    return std::make_shared<operation>(kind, std::move(session), std::move(event));
 }
 
 std::shared_ptr<operation> operation::find(zorvan_gridftp_server_operation_t handle) noexcept {
@@ -133,16 +135,15 @@ operation::operation(operation_kind kind, std::shared_ptr<session_core> session,
       session_(std::move(session)) {}
 
 operation::~operation() {
-    // A registration may have come between the release and now.
-    for (const zorvan_result_t result : own_results_) {
-        release_result(result);
-    }
+    release_result(channel_result_);
+    release_result(memory_result_);
     // The session counts as alive until it is destroyed: what the channel holds of the spool goes back before
     // that.
     channel.reset();
 }
 
 zorvan_gridftp_server_operation_t operation::handle() const noexcept {
+    // A handle is a number, which nobody follows. NOLINTNEXTLINE(performance-no-int-to-ptr)
     return reinterpret_cast<zorvan_gridftp_server_operation_t>(static_cast<std::uintptr_t>(id_));
 }
 
@@ -169,42 +170,78 @@ operation::guard::~guard() {
 }
 
 void operation::start(std::function<void(zorvan_gridftp_server_operation_t)> entry) {
-    session_->shared.pool().submit([kept = shared_from_this(), entry = std::move(entry)] {
-        entry(kept->handle());
-        kept->entry_done();
-    });
+    auto kept = shared_from_this();
+    entry_.function = std::move(entry);
+    table().add(id_, kept);
+    started_ = true;
+    session_->shared.pool().submit(std::shared_ptr<pool_task>(kept, &entry_));
 }
 
-void operation::entry_done() noexcept {
+void operation::run_entry() noexcept {
+    entry_.function(handle());
     guard held(*this);
     entry_returned_ = true;
     wake_locked();
 }
 
-void operation::finish(zorvan_result_t result, finish_values values) {
+bool operation::is_own_locked(zorvan_result_t result) const noexcept {
+    return result != ZORVAN_SUCCESS && (result == channel_result_ || result == memory_result_);
+}
+
+void operation::keep_error_locked(zorvan_result_t result) noexcept {
+    const bool copied = run_without_throwing([&] {
+        // An error of the server's that came back says what the server knows already, and stays.
+        if (is_own_locked(result)) {
+            error_ =
+                result == channel_result_ && channel_error_ ? *channel_error_ : operation_error::peek(result);
+        } else {
+            error_ = operation_error::take(result);
+        }
+    });
+    if (!copied) {
+        error_ = operation_error::out_of_memory();
+    }
+}
+
+void operation::keep_entries_locked(std::vector<stat_record>& entries) noexcept {
+    if (entries_.empty()) {
+        entries_.swap(entries);
+    } else if (!run_without_throwing([&] { entries_.reserve(entries_.size() + entries.size()); })) {
+        listing_error_ = operation_error::out_of_memory();
+        return;
+    } else {
+        std::move(entries.begin(), entries.end(), std::back_inserter(entries_));
+    }
+}
+
+void operation::finish(zorvan_result_t result, finish_values values) noexcept {
     receive_locks::holder unlocked;
     zorvan_result_t given_up = ZORVAN_SUCCESS;
     {
         guard held(*this);
-        const bool own = std::find(own_results_.begin(), own_results_.end(), result) != own_results_.end();
         if (finished_) {
-            given_up = own ? ZORVAN_SUCCESS : result;
+            given_up = is_own_locked(result) ? ZORVAN_SUCCESS : result;
         } else {
             finished_ = true;
+            if (!output_dropped_ && !values.entries.empty()) {
+                waiting_entries_ += values.entries.size();
+                keep_entries_locked(values.entries);
+            }
+            values.entries.clear();
             if (result != ZORVAN_SUCCESS) {
-                // An error of the server's that came back says what the server knows already.
-                error_ = own && channel_error_ ? *channel_error_ : operation_error::take(result);
+                keep_error_locked(result);
+            } else if (listing_error_) {
+                error_ = std::move(listing_error_);
+            } else if (values.incomplete) {
+                error_ = operation_error::out_of_memory();
             }
             if (kind_ == operation_kind::session_start) {
                 session_->handle = values.session_handle;
             }
-            if (!output_dropped_ && !values.entries.empty()) {
-                waiting_entries_ += values.entries.size();
-                std::move(values.entries.begin(), values.entries.end(), std::back_inserter(entries_));
-            }
-            values.entries.clear();
             values_ = std::move(values);
             unlocked = std::move(receive_lock_);
+            // Before the client hears of the end: it may ask for the next one at once.
+            place_.release();
             if (channel) {
                 channel->on_finish_locked();
             }
@@ -215,19 +252,28 @@ void operation::finish(zorvan_result_t result, finish_values values) {
     release_result(given_up);
 }
 
-void operation::add_entries(zorvan_result_t result, std::vector<stat_record> entries) {
-    release_result(result);
+void operation::add_entries(zorvan_result_t result, std::vector<stat_record> entries,
+                            bool incomplete) noexcept {
+    std::optional<operation_error> failure;
+    if (result != ZORVAN_SUCCESS && !run_without_throwing([&] { failure = operation_error::take(result); })) {
+        failure = operation_error::out_of_memory();
+    }
+    if (!failure && incomplete) {
+        failure = operation_error::out_of_memory();
+    }
     {
         guard held(*this);
-        if (kind_ != operation_kind::stat || finished_ || output_dropped_ || entries.empty()) {
+        if (kind_ != operation_kind::stat || finished_) {
+            return;
+        }
+        if (failure && !listing_error_) {
+            listing_error_ = std::move(failure);
+        }
+        if (output_dropped_ || entries.empty()) {
             return;
         }
         waiting_entries_ += entries.size();
-        if (entries_.empty()) {
-            entries_.swap(entries);
-        } else {
-            std::move(entries.begin(), entries.end(), std::back_inserter(entries_));
-        }
+        keep_entries_locked(entries);
         wake_locked();
     }
     // The coroutine was woken above, so the wait below has somebody to end it.
@@ -236,8 +282,7 @@ void operation::add_entries(zorvan_result_t result, std::vector<stat_record> ent
                [this] { return waiting_entries_ <= waiting_entries_limit || output_dropped_ || finished_; });
 }
 
-void operation::add_progress(zorvan_result_t result, std::string text) {
-    release_result(result);
+void operation::add_progress(std::string text) {
     guard held(*this);
     if (finished_ || output_dropped_) {
         return;
@@ -254,27 +299,41 @@ void operation::begin_transfer() {
     }
 }
 
-zorvan_result_t operation::register_read(const read_request& request) {
+template <class Take>
+zorvan_result_t operation::accept_locked(Take take) noexcept {
+    if (!run_without_throwing([&] { places_.emplace_back(); })) {
+        return memory_result_locked();
+    }
+    ++outstanding_;
+    bool taken = false;
+    const bool had_memory = run_without_throwing([&] { taken = take(); });
+    if (taken) {
+        ++session_->shared.gauges().callbacks;
+        return ZORVAN_SUCCESS;
+    }
+    --outstanding_;
+    places_.pop_back();
+    return had_memory ? channel_result_locked() : memory_result_locked();
+}
+
+zorvan_result_t operation::register_read(const read_request& request) noexcept {
     guard held(*this);
     if (finished_ || kind_ != operation_kind::receive || !channel || request.callback == nullptr ||
         request.length == 0) {
         return channel_result_locked();
     }
-    ++outstanding_;
-    ++session_->shared.gauges().callbacks;
-    channel->on_read_locked(request);
-    return ZORVAN_SUCCESS;
+    return accept_locked([&] {
+        channel->on_read_locked(request);
+        return true;
+    });
 }
 
-zorvan_result_t operation::register_write(const write_request& request) {
+zorvan_result_t operation::register_write(const write_request& request) noexcept {
     guard held(*this);
-    if (finished_ || kind_ != operation_kind::send || !channel || request.callback == nullptr ||
-        !channel->on_write_locked(request)) {
+    if (finished_ || kind_ != operation_kind::send || !channel || request.callback == nullptr) {
         return channel_result_locked();
     }
-    ++outstanding_;
-    ++session_->shared.gauges().callbacks;
-    return ZORVAN_SUCCESS;
+    return accept_locked([&] { return channel->on_write_locked(request); });
 }
 
 void operation::count_received(std::int64_t bytes) {
@@ -289,6 +348,25 @@ void operation::add_durable_range(std::int64_t offset, std::int64_t length) {
     } else {
         durable_.push_back({offset, length});
     }
+}
+
+receive_progress operation::progress_of_receive() {
+    guard held(*this);
+    return {received_, durable_};
+}
+
+int operation::concurrency() const noexcept {
+    // One more than there are connections, so that the slowest of them never holds the last buffer.
+    const int least = records.connections > 0 ? static_cast<int>(records.connections) + 1 : 1;
+    const auto& config = session_->shared.config();
+    std::uint64_t most = static_cast<std::uint64_t>(std::max(1, config.concurrency));
+    const std::int64_t announced = records.transfer_info.alloc_size;
+    if (kind_ == operation_kind::receive && announced > 0 && config.block_size > 0) {
+        // No more buffers than there will be blocks: a small file's empty ones would each cost a callback
+        // between the store's answer and the reply.
+        most = std::min(most, (static_cast<std::uint64_t>(announced) - 1) / config.block_size + 1);
+    }
+    return std::max(least, static_cast<int>(most));
 }
 
 byte_range operation::next_read_range() {
@@ -313,19 +391,28 @@ void operation::fail_channel_locked(operation_error error) {
     }
 }
 
-zorvan_result_t operation::channel_result_locked() {
-    if (channel_result_ == ZORVAN_SUCCESS) {
-        const auto failure =
-            channel_error_ ? *channel_error_
-                           : operation_error::channel(426, "The transfer has ended or is not possible.");
-        channel_result_ = failure.to_result();
-        own_results_.push_back(channel_result_);
+zorvan_result_t operation::channel_result_locked() noexcept {
+    if (channel_result_ == ZORVAN_SUCCESS && !run_without_throwing([this] {
+            channel_result_ =
+                channel_error_
+                    ? channel_error_->to_result()
+                    : operation_error::channel(426, "The transfer has ended or is not possible.").to_result();
+        })) {
+        return memory_result_locked();
     }
     return channel_result_;
 }
 
-void operation::complete_locked(completion due) {
-    due_.push_back(due);
+zorvan_result_t operation::memory_result_locked() noexcept {
+    if (memory_result_ == ZORVAN_SUCCESS) {
+        memory_result_ = zorvan_error_put(zorvan_i_gfs_error_system(nullptr, ENOMEM, "malloc"));
+    }
+    return memory_result_;
+}
+
+void operation::complete_locked(const completion& due) noexcept {
+    places_.front() = due;
+    due_.splice(due_.end(), places_, places_.begin());
     if (!callbacks_running_) {
         callbacks_running_ = true;
         kick_due_ = true;
@@ -343,7 +430,7 @@ void operation::run() noexcept {
                 wake_due_ = wake_due_ || std::exchange(wake_when_idle_, false);
                 return;
             }
-            batch_.swap(due_);
+            batch_.splice(batch_.end(), due_);
             if (std::any_of(batch_.begin(), batch_.end(), [](const completion& c) { return c.failed; })) {
                 failure = channel_result_locked();
             }
@@ -372,14 +459,15 @@ void operation::run() noexcept {
     }
 }
 
-void operation::release() {
+void operation::release() noexcept {
     // Out of the table first: from here on the handle is unknown.
     auto kept = table().remove(id_);
-    std::vector<zorvan_result_t> results;
     receive_locks::holder unlocked;
+    std::array<zorvan_result_t, 2> results{};
     {
         const std::lock_guard lock(mutex_);
-        results.swap(own_results_);
+        results = {std::exchange(channel_result_, ZORVAN_SUCCESS),
+                   std::exchange(memory_result_, ZORVAN_SUCCESS)};
         unlocked = std::move(receive_lock_);
     }
     for (const auto result : results) {
@@ -392,9 +480,9 @@ bool operation::finished() {
     return finished_;
 }
 
-bool operation::entry_returned() {
+bool operation::entry_over() {
     const std::lock_guard lock(mutex_);
-    return entry_returned_;
+    return !started_ || entry_returned_;
 }
 
 void operation::drop_output() {
@@ -404,6 +492,13 @@ void operation::drop_output() {
     entries_.clear();
     progress_.clear();
     room_.notify_all();
+}
+
+void operation::abandon() {
+    drop_output();
+    guard held(*this);
+    life_.abandoned = true;
+    session_->shared.gauges().count_abandoned(+1);
 }
 
 std::vector<stat_record> operation::take_entries() {
@@ -435,6 +530,11 @@ operation::finish_values operation::take_values() {
 void operation::hold(receive_locks::holder lock) {
     guard held(*this);
     receive_lock_ = std::move(lock);
+}
+
+void operation::hold(user_limit::place place) {
+    guard held(*this);
+    place_ = std::move(place);
 }
 
 }  // namespace zorvan::gridftp

@@ -11,8 +11,8 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +23,7 @@
 #include "backend_session.h"
 #include "callback_pool.h"
 #include "receive_locks.h"
+#include "user_limit.h"
 
 namespace zorvan::gridftp {
 
@@ -98,11 +99,18 @@ struct operation_records {
     std::vector<byte_range> ranges;                 ///< to send, or the one to receive
     std::optional<std::int64_t> modification_time;  ///< that the client set
     bool wants_progress = false;
+    std::size_t connections = 0;  ///< extended mode: data connections that there may be; 0 = stream mode
+};
+
+/// How far an upload has come at its back end.
+struct receive_progress {
+    std::uint64_t bytes = 0;
+    std::vector<byte_range> durable;  ///< in the order in which they were reported
 };
 
 class operation final : public pool_task, public std::enable_shared_from_this<operation> {
   public:
-    /// A new operation, in the table. `event` is notified of everything its coroutine may wait for.
+    /// A new operation. `event` is notified of everything its coroutine may wait for.
     static std::shared_ptr<operation> create(operation_kind kind, std::shared_ptr<session_core> session,
                                              async_event event);
 
@@ -135,7 +143,8 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     operation_records records;
     std::shared_ptr<transfer_channel> channel;
 
-    /// Run the interface-table entry on the pool.
+    /// Give it its handle and run the interface-table entry on the pool. When this throws the back end knows
+    /// nothing of it.
     void start(std::function<void(zorvan_gridftp_server_operation_t)> entry);
 
     // --- from the back end, any thread, mutex not held ---
@@ -147,19 +156,25 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
         std::optional<std::string> home_directory;
         std::optional<std::string> text;
         std::vector<stat_record> entries;
+        bool incomplete = false;  ///< not all of it could be copied, for want of memory
     };
     /// The first one is the outcome; a later one only gives its error object up.
-    void finish(zorvan_result_t result, finish_values values);
+    void finish(zorvan_result_t result, finish_values values) noexcept;
 
-    /// Entries before the end: waits while too many are waiting.
-    void add_entries(zorvan_result_t result, std::vector<stat_record> entries);
-    void add_progress(zorvan_result_t result, std::string text);
+    /// Entries before the end: waits while too many are waiting. With an error result, or when the entries
+    /// could not be had, the listing can no longer succeed.
+    void add_entries(zorvan_result_t result, std::vector<stat_record> entries, bool incomplete) noexcept;
+    void add_progress(std::string text);
 
     void begin_transfer();
-    zorvan_result_t register_read(const read_request& request);
-    zorvan_result_t register_write(const write_request& request);
+    zorvan_result_t register_read(const read_request& request) noexcept;
+    zorvan_result_t register_write(const write_request& request) noexcept;
     void count_received(std::int64_t bytes);
     void add_durable_range(std::int64_t offset, std::int64_t length);
+    receive_progress progress_of_receive();
+    /// What get_optimal_concurrency says: as configured, but not above the number of blocks that an announced
+    /// upload has. Constant once the operation was started.
+    int concurrency() const noexcept;
     byte_range next_read_range();
     std::optional<byte_range> write_range();
     const std::shared_ptr<session_core>& session() const noexcept { return session_; }
@@ -175,9 +190,9 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     /// Did the channel fail before the finish?
     bool channel_failed_first_locked() const noexcept { return channel_failed_first_; }
     /// The result for refusals and failed callbacks; it stays the operation's.
-    zorvan_result_t channel_result_locked();
-    /// Queue a callback; its request must have been accepted.
-    void complete_locked(completion due);
+    zorvan_result_t channel_result_locked() noexcept;
+    /// Queue a callback; its request must have been accepted. Needs no memory.
+    void complete_locked(const completion& due) noexcept;
     /// No callback runs or is due.
     bool callbacks_idle_locked() const noexcept { return !callbacks_running_; }
     /// Wake the coroutine when that comes true.
@@ -187,9 +202,12 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     // --- from the coroutine ---
 
     bool finished();
-    bool entry_returned();
+    /// Is no entry of the back end inside it?
+    bool entry_over();
     /// Drop what is still to come for the client, and let a held-up back end go on.
     void drop_output();
+    /// Nobody waits for the outcome any more: it runs to its end unseen, and a shutdown does not wait for it.
+    void abandon();
     /// Take the entries that wait; they count as waiting until entries_written().
     std::vector<stat_record> take_entries();
     void entries_written(std::size_t count);
@@ -198,12 +216,28 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     finish_values take_values();
     /// Held until the finish.
     void hold(receive_locks::holder lock);
+    void hold(user_limit::place place);
 
   private:
     friend class guard;
     void run() noexcept override;  // the callbacks that are due
-    void entry_done() noexcept;
-    void release();
+    void run_entry() noexcept;
+    void release() noexcept;
+    // Accept a request, if `take` does, with all the memory that its callback will need.
+    template <class Take>
+    zorvan_result_t accept_locked(Take take) noexcept;
+    zorvan_result_t memory_result_locked() noexcept;
+    bool is_own_locked(zorvan_result_t result) const noexcept;
+    void keep_error_locked(zorvan_result_t result) noexcept;
+    void keep_entries_locked(std::vector<stat_record>& entries) noexcept;
+
+    // The interface-table entry's turn on the pool.
+    struct entry_task final : pool_task {
+        explicit entry_task(operation& owner) : op(owner) {}
+        void run() noexcept override { op.run_entry(); }
+        operation& op;
+        std::function<void(zorvan_gridftp_server_operation_t)> function;
+    };
 
     static constexpr std::size_t waiting_entries_limit = 1024;
 
@@ -212,10 +246,14 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
         explicit life(host_gauges& counted) : gauges(counted) { gauges.count_operation(+1); }
         life(const life&) = delete;
         life& operator=(const life&) = delete;
-        ~life() { gauges.count_operation(-1); }
+        ~life() {
+            if (abandoned) gauges.count_abandoned(-1);
+            gauges.count_operation(-1);
+        }
         host_gauges& gauges;
+        bool abandoned = false;  // by the coroutine, once
     };
-    const life life_;
+    life life_;
     const operation_kind kind_;
     const std::uint64_t id_;
     const async_event event_;
@@ -223,6 +261,8 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
 
     std::mutex mutex_;
     std::condition_variable room_;
+    entry_task entry_{*this};
+    bool started_ = false;
     bool entry_returned_ = false;
     bool finished_ = false;
     bool released_ = false;
@@ -234,19 +274,24 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     bool wake_when_idle_ = false;
 
     std::size_t outstanding_ = 0;  // accepted, not yet called back
-    std::vector<completion> due_;
-    std::vector<completion> batch_;  // of the thread that runs callbacks
+    // Every accepted request has a place in one of these: its callback must not fail for want of memory.
+    std::list<completion> places_;
+    std::list<completion> due_;
+    std::list<completion> batch_;  // of the thread that runs callbacks
 
     std::optional<operation_error> error_;
     std::optional<operation_error> channel_error_;
     bool channel_failed_first_ = false;
-    std::vector<zorvan_result_t> own_results_;
+    // The server's own results: they live as long as the operation.
     zorvan_result_t channel_result_ = ZORVAN_SUCCESS;
+    zorvan_result_t memory_result_ = ZORVAN_SUCCESS;
     finish_values values_;
     receive_locks::holder receive_lock_;
+    user_limit::place place_;
 
     std::vector<stat_record> entries_;
     std::size_t waiting_entries_ = 0;
+    std::optional<operation_error> listing_error_;  // before the end
     std::vector<std::string> progress_;
 
     std::size_t next_range_ = 0;

@@ -1,7 +1,9 @@
 // Reading an error object into a value, once, so that nothing later depends on the error table.
 #include "operation_error.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <memory>
 
 namespace zorvan::gridftp {
 namespace {
@@ -42,9 +44,9 @@ operation_error read(const zorvan_error_t* object) {
     if (const char* text = zorvan_error_get_text(object)) {
         error.text_lines = split_lines(text);
     }
-    if (char* friendly = zorvan_error_print_friendly(object)) {
-        error.friendly_lines = split_lines(friendly);
-        std::free(friendly);
+    const std::unique_ptr<char, void (*)(void*)> friendly(zorvan_error_print_friendly(object), std::free);
+    if (friendly) {
+        error.friendly_lines = split_lines(friendly.get());
     }
     const zorvan_error_t* cause = zorvan_error_get_cause(object);
     const char* cause_text = zorvan_error_get_text(cause);
@@ -60,14 +62,21 @@ operation_error read(const zorvan_error_t* object) {
 }  // namespace
 
 operation_error operation_error::take(zorvan_result_t result) {
-    zorvan_error_t* object = zorvan_error_get(result);
-    auto error = read(object);
-    zorvan_error_free(object);
-    return error;
+    const std::unique_ptr<zorvan_error_t, void (*)(zorvan_error_t*)> object(zorvan_error_get(result),
+                                                                            zorvan_error_free);
+    return read(object.get());
 }
 
 operation_error operation_error::peek(zorvan_result_t result) {
     return read(zorvan_error_peek(result));
+}
+
+operation_error operation_error::out_of_memory() noexcept {
+    operation_error error;
+    error.origin = error_origin::server;
+    error.type = ZORVAN_ERROR_TYPE_SYSTEM;
+    error.errno_value = ENOMEM;
+    return error;
 }
 
 operation_error operation_error::channel(int code, std::string_view text) {

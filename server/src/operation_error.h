@@ -36,6 +36,9 @@ struct operation_error {
     /// The same without releasing the object.
     static operation_error peek(zorvan_result_t result);
 
+    /// The server has no memory. Says so without needing any: it has no text.
+    static operation_error out_of_memory() noexcept;
+
     /// A failure of the data connection. @param code 425 or 426
     static operation_error channel(int code, std::string_view text);
 

@@ -54,9 +54,9 @@ task<void> connect_for_data(session& client, asio::ip::tcp::endpoint endpoint) {
 task<void> handle_type(session& client, std::string_view argument) {
     const std::vector<std::string_view> words = split_words(argument);
     const bool single = words.size() == 1;
-    if (equals_ignoring_case(words[0], "I") && single) {
-        client.parameters().type = representation_type::image;
-    } else if (equals_ignoring_case(words[0], "L") && words.size() == 2 && words[1] == "8") {
+    // Bytes of eight bits are what an image consists of, too.
+    const bool bytes = equals_ignoring_case(words[0], "L") && words.size() == 2 && words[1] == "8";
+    if (bytes || (equals_ignoring_case(words[0], "I") && single)) {
         client.parameters().type = representation_type::image;
     } else if (equals_ignoring_case(words[0], "A") &&
                (single || (words.size() == 2 && equals_ignoring_case(words[1], "N")))) {
@@ -69,8 +69,15 @@ task<void> handle_type(session& client, std::string_view argument) {
 }
 
 task<void> handle_mode(session& client, std::string_view argument) {
-    const bool good = equals_ignoring_case(trim(argument), "S");
-    co_await client.answer(good ? 200 : 504, good ? texts::ok : texts::bad_parameter);
+    const bool extended = equals_ignoring_case(trim(argument), "E");
+    if (!extended && !equals_ignoring_case(trim(argument), "S")) {
+        co_await client.answer(504, texts::bad_parameter);
+        co_return;
+    }
+    session_parameters& parameters = client.parameters();
+    if (parameters.extended_mode != extended && parameters.connector) parameters.connector->kept.clear();
+    parameters.extended_mode = extended;
+    co_await client.answer(200, texts::ok);
 }
 
 task<void> handle_stru(session& client, std::string_view argument) {
@@ -147,8 +154,36 @@ task<void> handle_eprt(session& client, std::string_view argument) {
     }
 }
 
-task<void> handle_striped(session& client, std::string_view) {
-    co_await client.answer(504, "Striped transfers are not supported.");
+task<void> handle_spas(session& client, std::string_view) {
+    if (client.parameters().only_epsv) {
+        co_await client.answer(503, texts::only_epsv);
+        co_return;
+    }
+    if (!client.local_address().is_v4()) {
+        co_await client.answer(425, texts::pasv_needs_ipv4);
+        co_return;
+    }
+    const std::optional<std::uint16_t> port = co_await listen_for_data(client);
+    if (!port) co_return;
+    const asio::ip::address shown = client.config().public_address_v4.value_or(client.local_address());
+    const std::vector<std::string> stripes{port_argument(shown.to_v4(), *port)};
+    co_await client.send(multi_line_reply(229, "Entering Striped Passive Mode.", stripes, "End"));
+}
+
+task<void> handle_spor(session& client, std::string_view argument) {
+    if (client.parameters().only_epsv) {
+        co_await client.answer(503, texts::only_epsv);
+        co_return;
+    }
+    const std::vector<std::string_view> stripes = split_words(argument);
+    const auto endpoint = parse_port_argument(stripes[0]);
+    if (!endpoint) {
+        co_await client.answer(501, texts::bad_argument);
+    } else if (stripes.size() > 1) {
+        co_await client.answer(504, texts::one_stripe);
+    } else {
+        co_await connect_for_data(client, *endpoint);
+    }
 }
 
 task<void> handle_allo(session& client, std::string_view argument) {
@@ -169,13 +204,19 @@ task<void> handle_allo(session& client, std::string_view argument) {
 }
 
 task<void> handle_rest(session& client, std::string_view argument) {
-    const auto offset = parse_decimal(trim(argument));
-    if (!offset) {
+    if (const auto offset = parse_decimal(trim(argument))) {
+        client.parameters().restart = {};
+        client.parameters().restart.add(0, static_cast<std::uint64_t>(*offset));
+        co_await client.answer(350, fmt::format("Restarting at {}. Send STOR or RETR.", *offset));
+        co_return;
+    }
+    auto list = client.parameters().extended_mode ? range_list::parse(trim(argument)) : std::nullopt;
+    if (!list) {
         co_await client.answer(501, texts::bad_argument);
         co_return;
     }
-    client.parameters().restart_offset = *offset;
-    co_await client.answer(350, fmt::format("Restarting at {}. Send STOR or RETR.", *offset));
+    client.parameters().restart = std::move(*list);
+    co_await client.answer(350, "Restarting around these ranges. Send STOR or RETR.");
 }
 
 task<void> handle_sbuf(session& client, std::string_view argument) {

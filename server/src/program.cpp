@@ -4,7 +4,10 @@
  */
 #include "program.h"
 
+#include <fmt/format.h>
+#include <sys/resource.h>
 #include <unistd.h>
+#include <zorvan_common.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -31,6 +34,16 @@ struct options {
 int fail(const std::string& text) {
     std::fprintf(stderr, "zorvan-gridftp-server: %s\n", text.c_str());
     return 1;
+}
+
+// A session takes up to half a dozen descriptors; the usual soft limit of 1024 is made for programs that use
+// select().
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    // A refusal leaves things as they are.
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 int serve(const options& wanted) {
@@ -69,6 +82,8 @@ int serve(const options& wanted) {
         }
     }
     module->deactivate();
+    if (const std::size_t left = zorvan_error_table_count(); left > 0)
+        log_line(ZORVAN_GFS_LOG_WARNING, fmt::format("{} error objects were not released", left));
     log_line(ZORVAN_GFS_LOG_INFO, "ended");
     return 0;
 }
@@ -76,8 +91,10 @@ int serve(const options& wanted) {
 }  // namespace
 
 int zorvan_gridftp_server_main(int count, char** arguments) {
-    // A client that is gone shows as an error of the write.
+    // A client that is gone shows as an error of the write, and so does a file that may not grow.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    raise_descriptor_limit();
     options wanted;
     CLI::App app("FTP and GridFTP gateway to object stores", "zorvan-gridftp-server");
     app.add_option("--config", wanted.config, "configuration file (TOML)")->required();

@@ -36,6 +36,9 @@ inline constexpr std::string_view already_logged_in = "Already logged in; use RE
 inline constexpr std::string_view login_incorrect = "Login incorrect.";
 inline constexpr std::string_view need_host = "Choose a collection with HOST first.";
 inline constexpr std::string_view storage_unavailable = "The storage of this collection is not available.";
+inline constexpr std::string_view storage_refused = "The storage refused the log-in.";
+inline constexpr std::string_view storage_cannot = "command not supported by this storage";
+inline constexpr std::string_view unknown_error = "unknown error";
 inline constexpr std::string_view superfluous = "ACCT is superfluous here.";
 inline constexpr std::string_view reinitialized = "Session reset; log in with USER.";
 inline constexpr std::string_view host_accepted = "Host accepted.";
@@ -57,6 +60,15 @@ inline constexpr std::string_view idle_timeout = "Idle for too long; closing.";
 inline constexpr std::string_view shutting_down = "The server is shutting down.";
 
 inline constexpr std::string_view need_data_connection = "Use PASV, EPSV, PORT or EPRT first.";
+inline constexpr std::string_view extended_upload_passive =
+    "In extended mode the sender opens the data connections: use PASV, EPSV or SPAS before an upload.";
+inline constexpr std::string_view extended_download_active =
+    "In extended mode the sender opens the data connections: use PORT, EPRT or SPOR before a download.";
+inline constexpr std::string_view no_extended_listing = "Listings are sent in stream mode only: use MODE S.";
+inline constexpr std::string_view bad_restart =
+    "An upload can be restarted only behind one part that begins at 0.";
+inline constexpr std::string_view append_in_stream = "Appending is possible in stream mode only: use MODE S.";
+inline constexpr std::string_view one_stripe = "This server has one stripe: name one address.";
 inline constexpr std::string_view cannot_listen = "Cannot open a data port.";
 inline constexpr std::string_view only_epsv = "Only EPSV is accepted after EPSV ALL.";
 inline constexpr std::string_view pasv_needs_ipv4 = "PASV works over IPv4 only; use EPSV.";
@@ -84,7 +96,10 @@ inline constexpr std::string_view time_unknown = "The modification time is not k
 inline constexpr std::string_view time_fixed = "The time of a stored object cannot be changed.";
 inline constexpr std::string_view names_directory = "The name is that of a directory.";
 inline constexpr std::string_view below_root = "There are only directories here.";
+inline constexpr std::string_view behind_the_end = "The range begins behind the end of the file.";
 inline constexpr std::string_view checksum_noted = "Checksum noted; the next upload is compared with it.";
+inline constexpr std::string_view checksum_recorded =
+    "Checksum noted; in extended mode it is recorded and not compared.";
 inline constexpr std::string_view stage_done = "OK";
 }  // namespace texts
 

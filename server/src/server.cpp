@@ -25,7 +25,7 @@ namespace {
 
 using asio::ip::tcp;
 
-unsigned network_threads(const server_config& config) {
+unsigned thread_count(const server_config& config) {
     return config.threads != 0 ? config.threads : std::max(1U, std::thread::hardware_concurrency());
 }
 
@@ -42,6 +42,7 @@ host_config make_host_config(const server_config& config) {
     result.block_size = config.block_size;
     result.concurrency = config.concurrency;
     result.update_interval = std::chrono::seconds{config.update_interval};
+    result.checksums_per_user = config.checksums_per_user;
     result.backend_options = config.backend_options;
     result.spool.enabled = config.spool_enabled;
     result.spool.directory = config.spool_directory;
@@ -54,12 +55,10 @@ host_config make_host_config(const server_config& config) {
 
 server::server(const server_config& config, const users_file& users, backend& module)
     : config_(config),
-      io_(static_cast<int>(network_threads(config))),
-      work_(asio::make_work_guard(io_)),
+      network_(thread_count(config)),
       login_threads_(2),
-      host_(std::make_unique<host>(make_host_config(config), io_.get_executor())),
-      environment_{config, users, module, *host_, login_threads_},
-      accept_strand_(asio::make_strand(io_)) {}
+      host_(std::make_unique<host>(make_host_config(config), network_.first())),
+      environment_{config, users, module, *host_, login_threads_} {}
 
 server::~server() {
     stop_threads();
@@ -68,7 +67,7 @@ server::~server() {
 bool server::start(std::string& error) {
     for (const listen_address& address : config_.listen) {
         const tcp::endpoint endpoint(address.address, address.port);
-        tcp::acceptor acceptor(accept_strand_);
+        tcp::acceptor acceptor(network_.first());
         boost::system::error_code code;
         acceptor.open(endpoint.protocol(), code);
         if (!code) acceptor.set_option(asio::socket_base::reuse_address(true), code);
@@ -86,9 +85,7 @@ bool server::start(std::string& error) {
     for (std::size_t index = 0; index < acceptors_.size(); ++index)
         accept(index);
     if (signals_) wait_for_signal();
-    for (unsigned index = 0; index < network_threads(config_); ++index) {
-        threads_.emplace_back([this] { io_.run(); });
-    }
+    network_.start();
     for (const tcp::endpoint& endpoint : endpoints()) {
         log_line(ZORVAN_GFS_LOG_INFO, "listening on " + shown(endpoint));
     }
@@ -122,9 +119,8 @@ bool server::write_port_file(std::string& error) const {
 }
 
 void server::accept(std::size_t index) {
-    // Every connection gets a strand of its own; the acceptor's is only for the acceptor.
     acceptors_[index].async_accept(
-        asio::any_io_executor(asio::make_strand(io_)),
+        asio::any_io_executor(network_.next()),
         [this, index](const boost::system::error_code& error, asio::basic_stream_socket<tcp> accepted) {
             if (!acceptors_[index].is_open()) return;
             if (!error) {
@@ -135,7 +131,8 @@ void server::accept(std::size_t index) {
             if (error == asio::error::operation_aborted) return;
             log_line(ZORVAN_GFS_LOG_WARNING, "accepting a connection failed: " + error.message());
             // Out of descriptors, most likely: trying again at once would only burn the processor.
-            auto pause = std::make_shared<asio::steady_timer>(accept_strand_, std::chrono::milliseconds{100});
+            auto pause =
+                std::make_shared<asio::steady_timer>(network_.first(), std::chrono::milliseconds{100});
             pause->async_wait([this, index, pause](const boost::system::error_code&) {
                 if (acceptors_[index].is_open()) accept(index);
             });
@@ -159,7 +156,7 @@ void server::begin_session(tcp::socket socket) {
 }
 
 void server::handle_signals() {
-    signals_ = std::make_unique<asio::signal_set>(accept_strand_, SIGTERM, SIGINT, SIGHUP);
+    signals_ = std::make_unique<asio::signal_set>(network_.first(), SIGTERM, SIGINT, SIGHUP);
 }
 
 void server::wait_for_signal() {
@@ -195,7 +192,7 @@ bool server::run() {
         for (const auto& client : sessions_)
             client->drain();
     }
-    asio::post(accept_strand_, [this] {
+    asio::post(network_.first(), [this] {
         for (tcp::acceptor& acceptor : acceptors_) {
             boost::system::error_code ignored;
             acceptor.close(ignored);
@@ -217,17 +214,14 @@ bool server::run() {
 }
 
 void server::stop_threads() {
-    work_.reset();
-    asio::post(accept_strand_, [this] {
+    asio::post(network_.first(), [this] {
         boost::system::error_code ignored;
         for (tcp::acceptor& acceptor : acceptors_)
             acceptor.close(ignored);
         if (signals_) signals_->cancel(ignored);
     });
     login_threads_.join();
-    for (std::thread& thread : threads_)
-        thread.join();
-    threads_.clear();
+    network_.stop();
 }
 
 }  // namespace zorvan::gridftp

@@ -2,24 +2,21 @@
  * The server: network threads, listening sockets, and the sessions that they bring.
  *
  * Made and run by the main thread: start() binds, run() blocks until stop() was called (from a signal or a
- * test) and every session has ended or was cut. Each session runs on a strand of its own. The registry of
+ * test) and every session has ended or was cut. Each session stays on one network thread. The registry of
  * sessions is behind a mutex; nothing else is shared.
  */
 #pragma once
 
-#include <atomic>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "network_threads.h"
 #include "session.h"
 
 namespace zorvan::gridftp {
@@ -65,15 +62,12 @@ class server {
     void stop_threads();
 
     const server_config& config_;
-    asio::io_context io_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_;
+    network_threads network_;
     asio::thread_pool login_threads_;
     std::unique_ptr<host> host_;
     session_environment environment_;
     std::vector<asio::ip::tcp::acceptor> acceptors_;
-    asio::strand<asio::io_context::executor_type> accept_strand_;
     std::unique_ptr<asio::signal_set> signals_;
-    std::vector<std::thread> threads_;
 
     std::mutex mutex_;
     std::condition_variable changed_;

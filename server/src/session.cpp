@@ -148,6 +148,8 @@ task<void> session::serve() {
             }
             handling_ = false;
             note_activity();
+            // A client that keeps the commands coming leaves the watchdog no moment between two of them.
+            end_late_login();
             continue;
         }
         if (draining_) {
@@ -235,6 +237,13 @@ void session::note_activity() {
     last_activity_ = clock::now();
 }
 
+bool session::end_late_login() {
+    if (logged_in() || closing_ || clock::now() < began_ + config().login) return false;
+    log(ZORVAN_GFS_LOG_INFO, "log-in timed out");
+    end(texts::login_timeout);
+    return true;
+}
+
 void session::end(std::string_view reason) {
     if (closing_) return;
     closing_ = true;
@@ -266,9 +275,8 @@ task<void> session::watch() {
         } else if (!handling_ && !closing_) {
             const auto idle_end = last_activity_ + config().idle;
             const auto login_end = began_ + config().login;
-            if (!logged_in() && now >= login_end) {
-                log(ZORVAN_GFS_LOG_INFO, "log-in timed out");
-                end(texts::login_timeout);
+            if (end_late_login()) {
+                // Said and done.
             } else if (now >= idle_end) {
                 log(ZORVAN_GFS_LOG_INFO, "idle for too long");
                 end(texts::idle_timeout);

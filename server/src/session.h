@@ -28,6 +28,7 @@
 #include "error_reply.h"
 #include "listing.h"
 #include "path.h"
+#include "range_list.h"
 #include "users_file.h"
 
 namespace zorvan::gridftp {
@@ -54,7 +55,9 @@ struct session_parameters {
     representation_type type = representation_type::ascii;
     std::unique_ptr<data_connector> connector; /**< of the next transfer */
     bool only_epsv = false;                    /**< EPSV ALL came */
-    std::int64_t restart_offset = 0;           /**< REST, for the next transfer */
+    bool extended_mode = false;                /**< MODE E */
+    std::size_t parallelism = 1;               /**< data connections of a download in extended mode */
+    range_list restart;                        /**< REST, for the next transfer: what is there already */
     std::uint64_t announced_size = 0;          /**< ALLO, for the next STOR; 0 = none */
     std::string time_path;                     /**< MFMT before STOR: of this path ... */
     std::int64_t time_value = -1;              /**< ... this time */
@@ -128,7 +131,8 @@ class session : public std::enable_shared_from_this<session> {
     task<std::optional<command_outcome>> simple_command(int code, std::string path,
                                                         std::optional<std::string> from = std::nullopt);
 
-    /** Take the data connector that PASV and its kin have left; answers 425 when there is none. */
+    /** Take the data connector that PASV and its kin have left, for a listing; answers 425 when there is
+     * none, and 504 in extended mode, in which no listings are sent. */
     task<std::unique_ptr<data_connector>> take_connector();
     /** Run a transfer and answer for it. The REST offset is used up before. */
     task<void> download(send_request request);
@@ -160,6 +164,9 @@ class session : public std::enable_shared_from_this<session> {
     void start_helper(task<void> body);
     void end(std::string_view reason);
     void note_activity();
+    bool end_late_login();
+    task<std::unique_ptr<data_connector>> take_file_connector(bool uploads);
+    void keep_connector(std::unique_ptr<data_connector> connector, const transfer_outcome& outcome);
     task<void> finish_transfer(std::string_view verb, const std::string& path,
                                const transfer_outcome& outcome, first_data& events);
     void input_ended(bool lost);

@@ -19,7 +19,7 @@ class backend_session::implementation {
     std::shared_ptr<session_core> core;
     asio::any_io_executor strand;
     async_event event;                   ///< of everything that an operation's coroutine waits for
-    std::shared_ptr<operation> last;     ///< its entry may still be running
+    std::weak_ptr<operation> last;       ///< its entry may still be running; not kept for that
     std::shared_ptr<operation> running;  ///< what abort() is for
     std::function<void()> on_interrupt;  ///< what else abort() ends: a connect, a read
     bool busy = false;
@@ -37,11 +37,13 @@ class backend_session::implementation {
 
     /// An upload that is put into a spool: what came of it.
     struct spooled {
-        std::shared_ptr<spool> data;  ///< complete; null: see error
+        std::shared_ptr<spooled_data> data;  ///< complete; null: see error
         std::optional<operation_error> error;
         std::uint64_t bytes = 0;
     };
     task<spooled> spool_upload(const receive_request& request, data_connector& connector,
+                               transfer_events& events);
+    task<spooled> spool_blocks(const receive_request& request, data_connector& connector,
                                transfer_events& events);
     task<std::optional<operation_error>> check_bucket(const std::string& path);
     task<transfer_outcome> transfer(std::shared_ptr<operation> op);
@@ -69,7 +71,13 @@ class backend_session::implementation {
         }
         running_operation(const running_operation&) = delete;
         running_operation& operator=(const running_operation&) = delete;
-        ~running_operation() { self_.running.reset(); }
+        ~running_operation() {
+            if (!self_.running->channel) {
+                // Normally all of it has been taken; after an exception nobody will.
+                self_.running->drop_output();
+            }
+            self_.running.reset();
+        }
 
       private:
         implementation& self_;

@@ -5,12 +5,14 @@
  */
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <fstream>
 #include <sstream>
 
 #include "data_address.h"
+#include "host.h"
 #include "replies.h"
 #include "server_log.h"
 #include "session.h"
@@ -264,9 +266,33 @@ data_connection_rules session::data_rules() const {
 }
 
 task<std::unique_ptr<data_connector>> session::take_connector() {
+    if (parameters_.extended_mode) {
+        co_await answer(504, texts::no_extended_listing);
+        co_return nullptr;
+    }
     std::unique_ptr<data_connector> connector = std::move(parameters_.connector);
     if (!connector) co_await answer(425, texts::need_data_connection);
     co_return connector;
+}
+
+task<std::unique_ptr<data_connector>> session::take_file_connector(bool uploads) {
+    if (!parameters_.extended_mode) {
+        auto connector = co_await take_connector();
+        co_return connector;
+    }
+    std::unique_ptr<data_connector> connector = std::move(parameters_.connector);
+    // Who sends connects: an order of the sender's own on each connection would be of no use otherwise.
+    const bool good = connector && connector->accepts() == uploads;
+    if (!good) {
+        connector.reset();
+        co_await answer(425, uploads ? texts::extended_upload_passive : texts::extended_download_active);
+    }
+    co_return connector;
+}
+
+void session::keep_connector(std::unique_ptr<data_connector> connector, const transfer_outcome& outcome) {
+    const bool good = parameters_.extended_mode && !outcome.error && !outcome.aborted;
+    if (good) parameters_.connector = std::move(connector);
 }
 
 task<void> session::announce_data() {
@@ -281,8 +307,12 @@ void session::watch_data(data_connector* connector, data_stream* stream) {
 }
 
 task<void> session::download(send_request request) {
-    const std::unique_ptr<data_connector> connector = co_await take_connector();
+    std::unique_ptr<data_connector> connector = co_await take_file_connector(false);
     if (!connector) co_return;
+    if (parameters_.extended_mode) {
+        request.connections =
+            std::min(parameters_.parallelism, environment_.shared.config().most_connections);
+    }
     const std::string path = request.path;
     first_data events(*this);
     transfer_outcome outcome;
@@ -290,12 +320,14 @@ task<void> session::download(send_request request) {
         const operation_scope scope(*this, true);
         outcome = co_await storage_->send(std::move(request), *connector, events);
     }
+    keep_connector(std::move(connector), outcome);
     co_await finish_transfer("sent", path, outcome, events);
 }
 
 task<void> session::upload(receive_request request) {
-    const std::unique_ptr<data_connector> connector = co_await take_connector();
+    std::unique_ptr<data_connector> connector = co_await take_file_connector(true);
     if (!connector) co_return;
+    request.extended = parameters_.extended_mode;
     const std::string path = request.path;
     first_data events(*this);
     transfer_outcome outcome;
@@ -303,6 +335,7 @@ task<void> session::upload(receive_request request) {
         const operation_scope scope(*this, true);
         outcome = co_await storage_->receive(std::move(request), *connector, events);
     }
+    keep_connector(std::move(connector), outcome);
     co_await finish_transfer("received", path, outcome, events);
 }
 
@@ -331,8 +364,9 @@ std::vector<std::string> session::status_lines() const {
     lines.push_back("Connected to " + client_address_.to_string());
     lines.push_back(logged_in() ? "Logged in as " + printable(parameters_.shown_user)
                                 : std::string("Not logged in"));
-    lines.push_back(fmt::format("TYPE: {}, STRUcture: File, MODE: Stream",
-                                parameters_.type == representation_type::ascii ? "ASCII" : "Image"));
+    lines.push_back(fmt::format("TYPE: {}, STRUcture: File, MODE: {}",
+                                parameters_.type == representation_type::ascii ? "ASCII" : "Image",
+                                parameters_.extended_mode ? "Extended" : "Stream"));
     lines.emplace_back(data_running_        ? "A transfer is in progress"
                        : operation_running_ ? "A command is in progress"
                                             : "No data connection");

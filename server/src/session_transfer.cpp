@@ -4,11 +4,18 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
+#include <thread>
 #include <utility>
 
+#include "data_drain.h"
 #include "digest.h"
+#include "extended_receiver.h"
+#include "extended_sender.h"
+#include "pool_wait.h"
+#include "server_log.h"
 #include "session_implementation.h"
-#include "stream_channel.h"
+#include "spooling_intake.h"
 #include "stream_receiver.h"
 #include "stream_sender.h"
 
@@ -16,27 +23,10 @@ namespace zorvan::gridftp {
 namespace {
 
 constexpr std::size_t file_piece = 1 << 20;
+constexpr std::chrono::milliseconds memory_pause{10};
 
 operation_error aborted_error() {
     return operation_error::channel(426, "Transfer aborted. Data connection closed.");
-}
-
-/// Run a blocking function on the pool and wait for it.
-task<void> on_pool(host& shared, const asio::any_io_executor& strand, std::function<void()> function) {
-    struct shared_state {
-        explicit shared_state(const asio::any_io_executor& executor) : event(executor) {}
-        async_event event;
-        std::atomic<bool> done{false};
-    };
-    auto state = std::make_shared<shared_state>(strand);
-    shared.pool().submit([state, function = std::move(function)] {
-        function();
-        state->done = true;
-        state->event.notify();
-    });
-    while (!state->done) {
-        co_await state->event.wait();
-    }
 }
 
 /// Ends reads of a client that sends nothing for too long.
@@ -77,6 +67,18 @@ class stall_timer {
     std::uint64_t reads_ = 0;
 };
 
+/// @return false: there was no memory to go on with; run it again
+task<bool> run_channel(transfer_channel& channel) {
+    bool done = false;
+    try {
+        co_await channel.run();
+        done = true;
+    } catch (const std::bad_alloc&) {
+        log_line(ZORVAN_GFS_LOG_ERROR, "out of memory in a transfer");
+    }
+    co_return done;
+}
+
 bool says_not_found(const operation_error& error) {
     return error.ftp_word == "PATH_NOT_FOUND" || error.errno_value == ENOENT;
 }
@@ -98,7 +100,11 @@ task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr
     op->start([entry, kept = op.get(), session = core->handle](zorvan_gridftp_server_operation_t handle) {
         entry(handle, &kept->records.transfer_info, session);
     });
-    co_await op->channel->run();
+    while (!co_await run_channel(*op->channel)) {
+        // The back end has to be brought to its end, and the channel uses what the caller lent it until then.
+        op->channel->abort();
+        std::this_thread::sleep_for(memory_pause);
+    }
 
     transfer_outcome outcome;
     outcome.aborted = stopped();
@@ -129,7 +135,13 @@ task<transfer_outcome> backend_session::send(send_request request, data_connecto
     op->records.ranges = std::move(request.ranges);
     op->records.transfer_info.pathname = op->records.path.c_str();
     op->records.transfer_info.stripe_count = 1;
-    op->channel = std::make_shared<stream_sender>(*op, self.strand, connector, events);
+    op->records.connections = request.connections;
+    if (request.connections > 0) {
+        op->channel =
+            std::make_shared<extended_sender>(*op, self.strand, connector, events, request.offset_shift);
+    } else {
+        op->channel = std::make_shared<stream_sender>(*op, self.strand, connector, events);
+    }
     co_return co_await self.transfer(op);
 }
 
@@ -254,6 +266,43 @@ task<backend_session::implementation::spooled> backend_session::implementation::
     co_return result;
 }
 
+// As spool_upload(), in extended mode.
+task<backend_session::implementation::spooled> backend_session::implementation::spool_blocks(
+    const receive_request& request, data_connector& connector, transfer_events& events) {
+    spooled result;
+    struct forget {
+        std::function<void()>& hook;
+        ~forget() { hook = nullptr; }
+    } const forget_hook{on_interrupt};
+    try {
+        co_await events.on_first_data();
+    } catch (const std::exception&) {
+        gone = true;
+    }
+    const block_intake::bounds limits{request.offset_shift, static_cast<std::uint64_t>(request.write_offset),
+                                      std::nullopt};
+    const auto intake = std::make_shared<spooling_intake>(core->shared, strand, connector, event, limits);
+    on_interrupt = [intake] { intake->abort(); };
+    if (stopped()) {
+        intake->abort();
+    }
+    const spooling_intake::check_place check = [this, &request]() -> task<std::optional<operation_error>> {
+        auto refusal = co_await check_bucket(request.path);
+        co_return refusal;
+    };
+    const std::function<bool()> alive = [&events] { return events.control_alive(); };
+    result.error = co_await intake->run(check, alive);
+    on_interrupt = nullptr;
+    result.bytes = intake->bytes();
+    if (stopped()) {
+        result.error = aborted_error();
+    }
+    if (!result.error) {
+        result.data = intake->data();
+    }
+    co_return result;
+}
+
 task<transfer_outcome> backend_session::receive(receive_request request, data_connector& connector,
                                                 transfer_events& events) {
     const implementation::operation_scope scope(*implementation_);
@@ -276,7 +325,11 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
                 504, {}, "The size of the upload must be announced with ALLO before it.");
             co_return outcome;
         }
-        received = co_await self.spool_upload(request, connector, events);
+        if (request.extended) {
+            received = co_await self.spool_blocks(request, connector, events);
+        } else {
+            received = co_await self.spool_upload(request, connector, events);
+        }
         outcome.bytes = received.bytes;
         if (received.error) {
             outcome.error = std::move(received.error);
@@ -339,6 +392,10 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
     }
     if (spools) {
         op->channel = std::make_shared<spool_channel>(*op, std::move(received.data));
+    } else if (request.extended) {
+        records.connections = shared.config().most_connections;
+        op->channel = std::make_shared<extended_receiver>(*op, self.strand, connector, events, size,
+                                                          request.offset_shift);
     } else {
         op->channel = std::make_shared<stream_receiver>(*op, self.strand, connector, events, size,
                                                         std::move(checked_md5));

@@ -5,7 +5,10 @@
 #include <fmt/format.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "command_table.h"
+#include "host.h"
 #include "replies.h"
 #include "server_log.h"
 #include "session.h"
@@ -13,6 +16,28 @@
 #include "verbs.h"
 
 namespace zorvan::gridftp {
+
+namespace {
+
+/** "Parallelism=start,least,most;" of OPTS RETR (GFD.20). @return the number to start with */
+std::optional<std::size_t> parse_parallelism(std::string_view option) {
+    const auto equals = option.find('=');
+    if (equals == std::string_view::npos || !option.ends_with(';') ||
+        !equals_ignoring_case(option.substr(0, equals), "Parallelism"))
+        return std::nullopt;
+    std::string_view values = option.substr(equals + 1, option.size() - equals - 2);
+    std::size_t first = 0;
+    for (int index = 0; index < 3; ++index) {
+        const auto comma = values.find(',');
+        const auto value = parse_decimal(trim(values.substr(0, comma)));
+        if (!value || *value < 1 || (comma == std::string_view::npos) != (index == 2)) return std::nullopt;
+        if (index == 0) first = static_cast<std::size_t>(*value);
+        if (comma != std::string_view::npos) values.remove_prefix(comma + 1);
+    }
+    return first;
+}
+
+}  // namespace
 
 task<void> handle_user(session& client, std::string_view argument) {
     if (client.logged_in()) {
@@ -70,10 +95,10 @@ task<void> handle_host(session& client, std::string_view argument) {
 
 task<void> handle_feat(session& client, std::string_view) {
     const std::vector<std::string> features = {
-        "CLNT",        "EPRT",     "EPSV", "HASH MD5*",
-        "HOST",        "LANG EN*", "MDTM", facts_feature(client.parameters().facts),
-        "REST STREAM", "SIZE",     "TVFS", "UTF8",
-        "XMD5",
+        "CLNT",      "EPRT",        "EPSV",     "ERET", "ESTO",
+        "HASH MD5*", "HOST",        "LANG EN*", "MDTM", facts_feature(client.parameters().facts),
+        "PARALLEL",  "REST STREAM", "SIZE",     "SPAS", "SPOR",
+        "TVFS",      "UTF8",        "XMD5",
     };
     co_await client.send(multi_line_reply(211, "Features:", features, "End"));
 }
@@ -93,6 +118,11 @@ task<void> handle_opts(session& client, std::string_view argument) {
         const bool known = option.empty() || equals_ignoring_case(option, "MD5");
         co_await client.answer(known ? 200 : 501,
                                known ? "MD5" : "Unknown algorithm, current selection not changed");
+    } else if (const auto connections = parse_parallelism(option);
+               connections && equals_ignoring_case(parts.verb, "RETR")) {
+        client.parameters().parallelism =
+            std::min(*connections, client.environment().shared.config().most_connections);
+        co_await client.answer(200, fmt::format("Parallelism={}", client.parameters().parallelism));
     } else {
         co_await client.answer(501, "Option not understood.");
     }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "out_of_memory.h"
 #include "server_log.h"
 
 namespace zorvan::gridftp {
@@ -164,22 +165,31 @@ bool spool::fill(unsigned char* buffer, std::size_t length, std::uint64_t offset
     return true;
 }
 
-spool_channel::spool_channel(operation& op, std::shared_ptr<spool> source)
-    : transfer_channel(op), source_(std::move(source)), base_(op.records.ranges.front().offset) {
-    checked_.source = source_;
-    checked_.op = &op_;
-}
-
-bool spool_channel::checked_source::fill(unsigned char* buffer, std::size_t length,
-                                         std::uint64_t offset) noexcept {
-    if (!aborted && source->fill(buffer, length, offset)) {
+bool checked_source::fill(unsigned char* buffer, std::size_t length, std::uint64_t offset) noexcept {
+    if (!aborted_ && !broken_ && source_->fill(buffer, length, offset)) {
         return true;
     }
-    operation::guard held(*op);
-    op->fail_channel_locked(
-        aborted ? operation_error::channel(426, "Transfer aborted.")
-                : operation_error::server(451, {}, "The received data could not be read back."));
+    // What comes behind a hole is of no use.
+    broken_ = true;
+    operation::guard held(op_);
+    const bool told = run_without_throwing([this] {
+        op_.fail_channel_locked(
+            aborted_ ? operation_error::channel(426, "Transfer aborted.")
+                     : operation_error::server(451, {}, "The received data could not be read back."));
+    });
+    if (!told) {
+        op_.fail_channel_locked(operation_error::out_of_memory());
+    }
+    op_.wake_locked();
     return false;
+}
+
+spool_channel::spool_channel(operation& op, std::shared_ptr<spooled_data> source)
+    : transfer_channel(op),
+      source_(std::move(source)),
+      checked_(op),
+      base_(op.records.ranges.front().offset) {
+    checked_.read_from(source_);
 }
 
 void spool_channel::on_read_locked(const read_request& request) {
@@ -189,7 +199,12 @@ void spool_channel::on_read_locked(const read_request& request) {
         return;
     }
     if (next_ == size) {
-        op_.complete_locked(ended_read(request, false, size));
+        // The end is all of an empty upload, so it is what an abort takes away.
+        const bool failed = size == 0 && checked_.aborted();
+        if (failed) {
+            op_.fail_channel_locked(operation_error::channel(426, "Transfer aborted."));
+        }
+        op_.complete_locked(ended_read(request, failed, size));
         return;
     }
     const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(request.length, size - next_));
@@ -202,7 +217,7 @@ void spool_channel::on_read_locked(const read_request& request) {
 
 void spool_channel::abort() noexcept {
     // Only bytes that have not been handed over yet make a failure of it.
-    checked_.aborted = true;
+    checked_.abort();
 }
 
 task<void> spool_channel::run() {

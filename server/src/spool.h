@@ -36,7 +36,14 @@ class spool_budget {
     std::uint64_t file_ = 0;
 };
 
-class spool final : public late_source {
+/// An upload that was received before its back end was asked. Constant once it is complete.
+class spooled_data : public late_source {
+  public:
+    /// In bytes.
+    virtual std::uint64_t size() const noexcept = 0;
+};
+
+class spool final : public spooled_data {
   public:
     spool(spool_budget& budget, const spool_config& config) : budget_(budget), config_(config) {}
     spool(const spool&) = delete;
@@ -54,7 +61,7 @@ class spool final : public late_source {
     /// Append to the file. May block. @return an errno value; ENOSPC also when the budget is used up
     int append_to_file(std::span<const unsigned char> data);
 
-    std::uint64_t size() const noexcept { return memory_size_ + file_size_; }
+    std::uint64_t size() const noexcept override { return memory_size_ + file_size_; }
 
     /// May block on the file. @return false: it cannot be read
     bool fill(unsigned char* buffer, std::size_t length, std::uint64_t offset) noexcept override;
@@ -76,10 +83,28 @@ class spool final : public late_source {
     std::uint64_t file_size_ = 0;
 };
 
+/// A spool as the callbacks of one operation read it: what has been queued for a callback is still refused
+/// its bytes after an abort, and what cannot be read fails the operation's channel.
+class checked_source final : public late_source {
+  public:
+    explicit checked_source(operation& op) : op_(op) {}
+    /// What to read; before the first callback.
+    void read_from(std::shared_ptr<late_source> source) { source_ = std::move(source); }
+    void abort() noexcept { aborted_ = true; }
+    bool aborted() const noexcept { return aborted_; }
+    bool fill(unsigned char* buffer, std::size_t length, std::uint64_t offset) noexcept override;
+
+  private:
+    operation& op_;
+    std::shared_ptr<late_source> source_;
+    std::atomic<bool> aborted_{false};
+    bool broken_ = false;  // callbacks run one at a time
+};
+
 /// Feeds a back end's reads from a spool. The bytes are fetched on the callback's thread, one copy.
 class spool_channel final : public transfer_channel {
   public:
-    spool_channel(operation& op, std::shared_ptr<spool> source);
+    spool_channel(operation& op, std::shared_ptr<spooled_data> source);
 
     void on_read_locked(const read_request& request) override;
     bool on_write_locked(const write_request&) override { return false; }
@@ -88,15 +113,7 @@ class spool_channel final : public transfer_channel {
     std::uint64_t bytes() const noexcept override { return source_->size(); }
 
   private:
-    // What has been queued for a callback is still refused its bytes after an abort.
-    struct checked_source final : late_source {
-        bool fill(unsigned char* buffer, std::size_t length, std::uint64_t offset) noexcept override;
-        std::shared_ptr<spool> source;
-        operation* op = nullptr;
-        std::atomic<bool> aborted{false};
-    };
-
-    std::shared_ptr<spool> source_;
+    std::shared_ptr<spooled_data> source_;
     checked_source checked_;
     const std::int64_t base_;
     std::uint64_t next_ = 0;  // guarded by the operation's mutex

@@ -7,15 +7,11 @@
 #include <cstring>
 #include <utility>
 
+#include "data_drain.h"
+
+#include "connect_beside.h"
+
 namespace zorvan::gridftp {
-namespace {
-
-// So long a connection that is being made holds the preliminary reply up: time enough to learn that it cannot
-// be made at all, too short to bother a client that connects only after the reply.
-constexpr std::chrono::milliseconds connect_grace{250};
-
-}  // namespace
-
 stream_receiver::stream_receiver(operation& op, asio::any_io_executor strand, data_connector& connector,
                                  transfer_events& events, std::uint64_t announced,
                                  std::optional<std::string> expected_md5)
@@ -41,7 +37,7 @@ void stream_receiver::on_read_locked(const read_request& request) {
 }
 
 void stream_receiver::on_finish_locked() {
-    on_strand([](stream_channel& channel) { static_cast<stream_receiver&>(channel).interrupt(); });
+    interrupt_on_strand();
 }
 
 void stream_receiver::interrupt() noexcept {

@@ -27,7 +27,7 @@ bool stream_sender::on_write_locked(const write_request& request) {
 void stream_sender::on_finish_locked() {
     if (!op_.succeeded_locked()) {
         // A write may be stuck in a slow client's window.
-        on_strand([](stream_channel& channel) { static_cast<stream_sender&>(channel).interrupt(); });
+        interrupt_on_strand();
     }
 }
 

@@ -128,7 +128,9 @@ bool users_file::check(const std::string& user, const std::string& password) con
     const bool known = entry != hashes_.end();
     const std::string& expected = known ? entry->second : decoy_;
     const std::string computed = hash_password(password, expected);
-    const bool equal = !computed.empty() && equal_in_constant_time(computed, expected);
+    // crypt(3) reads a C string: what stands behind a NUL it would not see.
+    const bool whole = password.find('\0') == std::string::npos;
+    const bool equal = whole && !computed.empty() && equal_in_constant_time(computed, expected);
     return known && equal;
 }
 

@@ -54,6 +54,7 @@ passive_ports = "50000-50010"
 block_size = "1MiB"
 concurrency = 7
 update_interval = 9
+checksums_per_user = 3
 [backend]
 name = "memory"
 module_dir = "/m"
@@ -94,6 +95,7 @@ name = "b"
     EXPECT_EQ(config.block_size, 1048576U);
     EXPECT_EQ(config.concurrency, 7);
     EXPECT_EQ(config.update_interval, 9);
+    EXPECT_EQ(config.checksums_per_user, 3U);
     EXPECT_EQ(config.backend_name, "memory");
     EXPECT_EQ(config.module_dir, "/m");
     EXPECT_EQ(config.backend_options, "/etc/z/x.conf");
@@ -149,6 +151,11 @@ TEST(Config, MistakesNameFileLineAndKey) {
     EXPECT_EQ(problem("[timeouts]\nidle = 0\n"), "s.toml:2: timeouts.idle: 0 is not between 1 and 604800");
 }
 
+TEST(Config, AMessageIsOneLineWhateverTheKeyIs) {
+    EXPECT_EQ(problem("[server]\n\"a\\nb\" = 1\n"), "s.toml:2: server.a\\x0ab: unknown key");
+    EXPECT_EQ(problem("\"\\r\" = 1\n"), "s.toml:1: \\x0d: unknown key");
+}
+
 TEST(Config, NobodyCouldLogInWithoutAUsersFile) {
     EXPECT_EQ(problem(""), "s.toml: users.file: is missing: nobody could log in");
 }
@@ -170,6 +177,11 @@ TEST(Config, SyntaxErrorsNameTheLine) {
     const std::string text = problem("[server]\nthreads = = 4\n");
     EXPECT_EQ(text.rfind("s.toml:2: ", 0), 0U) << text;
     EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+}
+
+TEST(Config, AnyMistakeInAHeaderIsAMessage) {
+    for (const char* header : {"[}sers]", "[", "[[", "[[a]", "[=]", "[]", "{}", "=", "[a.]", "[.a]"})
+        EXPECT_EQ(problem(std::string(header) + "\n").rfind("s.toml:", 0), 0U) << header;
 }
 
 TEST(Config, UnsetVariablesInFileNamesAreNamed) {
@@ -214,6 +226,12 @@ TEST(Config, ListenAddresses) {
     }
 }
 
+TEST(Config, AnAddressDoesNotEndAtANul) {
+    EXPECT_FALSE(parse_listen_address(std::string_view("127.0.0.1\0x:80", 14)));
+    EXPECT_EQ(problem("[server]\npublic_address = \"192.0.2.1\\u0000x\"\n"),
+              "s.toml:2: server.public_address: \"192.0.2.1\\x00x\" is not a numeric IPv4 address");
+}
+
 TEST(Config, TheShippedExampleIsGood) {
     const server_config config = load_config(ZORVAN_PACKAGING_DIR "/zorvan-gridftp-server.toml");
     const server_config defaults = good("");
@@ -246,6 +264,7 @@ TEST(Config, TheShippedExampleShowsTheDefaults) {
     EXPECT_EQ(shown.block_size, defaults.block_size);
     EXPECT_EQ(shown.concurrency, defaults.concurrency);
     EXPECT_EQ(shown.update_interval, defaults.update_interval);
+    EXPECT_EQ(shown.checksums_per_user, defaults.checksums_per_user);
     EXPECT_EQ(shown.backend_name, defaults.backend_name);
     EXPECT_EQ(shown.module_dir, defaults.module_dir);
     EXPECT_EQ(shown.backend_options, defaults.backend_options);

@@ -32,6 +32,7 @@
 #include "data_stream.h"
 #include "host.h"
 #include "promise_backend.h"
+#include "resource_census.h"
 
 namespace zorvan::gridftp::testing_support {
 
@@ -148,6 +149,8 @@ class test_connector final : public data_connector {
         cancelled = true;
         event_.notify();
     }
+    /// Close what nobody asked for.
+    void discard() { socket_.reset(); }
     std::atomic<int> connects{0};
     std::atomic<bool> cancelled{false};
 
@@ -188,21 +191,38 @@ struct called {
 /// Keeps buffers for an operation and what was called back, in order.
 class recorder {
   public:
-    using read_hook = std::function<void(const called&)>;
+    recorder() = default;
+    recorder(const recorder&) = delete;
+    recorder& operator=(const recorder&) = delete;
+    /// Every accepted buffer came back once, a refused one never, and none was touched afterwards.
+    ~recorder() {
+        for (const auto& lent : buffers_) {
+            EXPECT_EQ(lent->calls, lent->accepted ? 1 : 0);
+            if (lent->calls > 0) {
+                EXPECT_EQ(lent->data.find_first_not_of(returned_mark), std::string::npos);
+            }
+        }
+    }
 
     zorvan_result_t read(zorvan_gridftp_server_operation_t op, std::size_t size) {
         auto* lent = lend(std::string(size, '#'));
-        const auto result = zorvan_gridftp_server_register_read(
-            op, reinterpret_cast<unsigned char*>(lent->data.data()), size, read_done, lent);
-        accepted(result);
+        zorvan_result_t result = ZORVAN_SUCCESS;
+        around_call([&] {
+            result = zorvan_gridftp_server_register_read(
+                op, reinterpret_cast<unsigned char*>(lent->data.data()), size, read_done, lent);
+        });
+        accepted(*lent, result);
         return result;
     }
     zorvan_result_t write(zorvan_gridftp_server_operation_t op, std::string data, std::int64_t offset) {
         const auto size = data.size();
         auto* lent = lend(std::move(data));
-        const auto result = zorvan_gridftp_server_register_write(
-            op, reinterpret_cast<unsigned char*>(lent->data.data()), size, offset, -1, write_done, lent);
-        accepted(result);
+        zorvan_result_t result = ZORVAN_SUCCESS;
+        around_call([&] {
+            result = zorvan_gridftp_server_register_write(
+                op, reinterpret_cast<unsigned char*>(lent->data.data()), size, offset, -1, write_done, lent);
+        });
+        accepted(*lent, result);
         return result;
     }
     /// Wait until so many callbacks came. @return all of them
@@ -228,6 +248,8 @@ class recorder {
         const std::lock_guard lock(mutex_);
         return accepted_;
     }
+    /// Does the call that registers.
+    std::function<void(const std::function<void()>&)> around_call = [](const auto& call) { call(); };
     /// Runs inside the callback, after it was recorded.
     std::function<void(const called&)> in_callback;
 
@@ -235,40 +257,48 @@ class recorder {
     struct lent_buffer {
         recorder* owner;
         std::string data;
+        bool accepted = false;
+        int calls = 0;
     };
+    static constexpr char returned_mark = '~';
     lent_buffer* lend(std::string data) {
         const std::lock_guard lock(mutex_);
-        buffers_.push_back(std::make_unique<lent_buffer>(lent_buffer{this, std::move(data)}));
+        buffers_.push_back(std::make_unique<lent_buffer>(lent_buffer{this, std::move(data), false, 0}));
         return buffers_.back().get();
     }
-    void accepted(zorvan_result_t result) {
+    void accepted(lent_buffer& lent, zorvan_result_t result) {
         const std::lock_guard lock(mutex_);
+        lent.accepted = result == ZORVAN_SUCCESS;
         accepted_ += result == ZORVAN_SUCCESS ? 1 : 0;
     }
-    void record(called call) {
+    void record(lent_buffer& lent, called call) {
         {
             const std::lock_guard lock(mutex_);
+            ++lent.calls;
+            // It is the back end's again.
+            std::fill(lent.data.begin(), lent.data.end(), returned_mark);
             calls_.push_back(call);
         }
         if (in_callback) {
             in_callback(call);
         }
-        // Only now: a test that waits for the call may see its end as well.
+        // Only now: a test that waits for the call may see its end as well. Locked: it may destroy us then.
+        const std::lock_guard lock(mutex_);
         changed_.notify_all();
     }
     static void read_done(zorvan_gridftp_server_operation_t, zorvan_result_t result, unsigned char* buffer,
                           std::size_t bytes, zorvan_off_t offset, int eof, void* argument) {
         auto* lent = static_cast<lent_buffer*>(argument);
         EXPECT_EQ(static_cast<void*>(buffer), static_cast<void*>(lent->data.data()));
-        lent->owner->record({result != ZORVAN_SUCCESS, lent->data.substr(0, bytes), offset, eof != 0, bytes,
-                             argument, std::this_thread::get_id()});
+        lent->owner->record(*lent, {result != ZORVAN_SUCCESS, lent->data.substr(0, bytes), offset, eof != 0,
+                                    bytes, argument, std::this_thread::get_id()});
     }
     static void write_done(zorvan_gridftp_server_operation_t, zorvan_result_t result, unsigned char* buffer,
                            std::size_t bytes, void* argument) {
         auto* lent = static_cast<lent_buffer*>(argument);
         EXPECT_EQ(static_cast<void*>(buffer), static_cast<void*>(lent->data.data()));
-        lent->owner->record({result != ZORVAN_SUCCESS, lent->data.substr(0, bytes), 0, false, bytes, argument,
-                             std::this_thread::get_id()});
+        lent->owner->record(*lent, {result != ZORVAN_SUCCESS, lent->data.substr(0, bytes), 0, false, bytes,
+                                    argument, std::this_thread::get_id()});
     }
 
     std::mutex mutex_;
@@ -341,7 +371,11 @@ class core_test : public ::testing::Test {
     void SetUp() override {
         config.block_size = 1000;
         config.concurrency = 3;
-        config.spool.directory = ::testing::TempDir();
+        // Loaded before anything is counted: it stays.
+        (void)promise_module();
+        census.emplace();
+        spool_directory.emplace();
+        config.spool.directory = spool_directory->path();
         config.spool.memory = 1 << 20;
         config.spool.limit = 8 << 20;
         config.idle_thread = 100ms;
@@ -365,20 +399,18 @@ class core_test : public ::testing::Test {
         }
         if (shared) {
             EXPECT_TRUE(shared->wait_idle(30s));
-            const auto counts = shared->counters();
-            EXPECT_EQ(counts.sessions, 0u);
-            EXPECT_EQ(counts.operations, 0u);
-            EXPECT_EQ(counts.callbacks, 0u);
-            EXPECT_EQ(counts.spool_bytes, 0u);
-            EXPECT_EQ(counts.receive_locks, 0u);
+            expect_nothing_alive(shared->counters());
         }
         shared.reset();
         work_.reset();
         for (auto& thread : threads_) {
             thread.join();
         }
-        EXPECT_EQ(zorvan_error_table_count(), 0u);
+        connector.discard();
         EXPECT_EQ(destroyed_sessions, expected_destroys);
+        spool_directory.reset();
+        EXPECT_EQ(zorvan_error_table_count(), 0u);
+        census->check_nothing_added();
     }
 
     static void* session_value() { return reinterpret_cast<void*>(0x5e551); }
@@ -428,6 +460,15 @@ class core_test : public ::testing::Test {
         }
         EXPECT_TRUE(shared->wait_idle(30s));
     }
+    /// Wait until every buffer came back and no thread is inside the back end, the session kept.
+    void settle_threads() {
+        const auto limit = std::chrono::steady_clock::now() + patience;
+        for (auto counts = shared->counters(); counts.callbacks != 0 || counts.busy_threads != 0;
+             counts = shared->counters()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), limit) << "an operation does not end";
+            std::this_thread::yield();
+        }
+    }
     void abort() {
         on_strand([this] { session->abort(); });
     }
@@ -449,6 +490,8 @@ class core_test : public ::testing::Test {
                                                              "test", "test", 1, "%s", text));
     }
 
+    std::optional<resource_census> census;
+    std::optional<empty_directory> spool_directory;
     asio::io_context io;
     asio::any_io_executor strand = asio::make_strand(io);
     host_config config;

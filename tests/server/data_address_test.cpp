@@ -31,6 +31,18 @@ TEST(DataAddress, Eprt) {
                              "|1|1.2.3.4|0|", "|1|1.2.3.4|", "|1|1.2.3.4|2100|x|", "|x|1.2.3.4|2100|"}) {
         EXPECT_EQ(parse_eprt_argument(text, endpoint), eprt_verdict::malformed) << text;
     }
+    EXPECT_EQ(parse_eprt_argument(std::string_view("|1|1.2.3.4\0x|2100|", 18), endpoint),
+              eprt_verdict::malformed);
+}
+
+TEST(DataAddress, AnAddressIsTheWholeText) {
+    EXPECT_EQ(parse_address("192.0.2.7"), ip::make_address("192.0.2.7"));
+    EXPECT_EQ(parse_address("::1"), ip::make_address("::1"));
+    for (const std::string_view text :
+         {std::string_view("1.2.3.4\0", 8), std::string_view("::1\0x", 5), std::string_view("1.2.3.4 "),
+          std::string_view("host"), std::string_view()}) {
+        EXPECT_EQ(parse_address(text), std::nullopt) << text;
+    }
 }
 
 TEST(DataAddress, OnlyTheClientItselfAndNoSystemPort) {

@@ -62,10 +62,16 @@ TEST_F(ErrorReply, WithATextButNoCause) {
 }
 
 TEST_F(ErrorReply, ThePlainFailure) {
-    for (const auto context : {error_context::login, error_context::command, error_context::transfer}) {
+    for (const auto context : {error_context::command, error_context::transfer}) {
         EXPECT_EQ(error_reply(operation_error::take(ZORVAN_FAILURE), context),
                   "500 command not supported by this storage\r\n");
     }
+}
+
+// Clients take 530 alone for a log-in that was refused.
+TEST_F(ErrorReply, ThePlainFailureOfALogIn) {
+    EXPECT_EQ(error_reply(operation_error::take(ZORVAN_FAILURE), error_context::login),
+              "530 The storage refused the log-in.\r\n");
 }
 
 TEST_F(ErrorReply, WithoutACodeTheContextChooses) {

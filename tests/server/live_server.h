@@ -107,6 +107,7 @@ class LiveServer {
         EXPECT_EQ(counters.callbacks, 0U);
         EXPECT_EQ(counters.spool_bytes, 0U);
         EXPECT_EQ(counters.receive_locks, 0U);
+        EXPECT_EQ(counters.checksums, 0U);
         EXPECT_EQ(store().open_sessions(), 0U);
         server_.reset();
         EXPECT_EQ(zorvan_error_table_count(), 0U);
@@ -135,7 +136,8 @@ class LiveServer {
             crypt_data data{};
             const std::string hash = ::crypt_r("secret", "$5$rounds=1000$saltsalt$", &data);
             return zorvan::gridftp::users_file::parse(
-                "alice:" + hash + "\nrefused:" + hash + "\nnosession:" + hash + "\n", "users");
+                "alice:" + hash + "\nbob:" + hash + "\nrefused:" + hash + "\nnosession:" + hash + "\n",
+                "users");
         }();
         return made;
     }

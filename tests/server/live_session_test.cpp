@@ -102,11 +102,11 @@ TEST(LiveSession, OptsAndParameters) {
     EXPECT_EQ(client.command("LANG en-GB").code, 200);
     EXPECT_EQ(client.command("LANG de").code, 504);
     for (const char* line :
-         {"TYPE A", "TYPE a n", "TYPE I", "TYPE L 8", "MODE S", "STRU F", "DCAU N", "SBUF 65536"}) {
+         {"TYPE A", "TYPE a n", "TYPE I", "TYPE L 8", "MODE E", "MODE S", "STRU F", "DCAU N", "SBUF 65536"}) {
         EXPECT_EQ(client.command(line).code, 200) << line;
     }
-    for (const char* line : {"TYPE E", "TYPE L 36", "MODE E", "MODE B", "STRU R", "DCAU A", "SPAS", "SPOR x",
-                             "AUTH GSSAPI", "SITE UTIME x", "SITE CHMOD 777 x"}) {
+    for (const char* line : {"TYPE E", "TYPE L 36", "MODE B", "STRU R", "DCAU A", "AUTH GSSAPI",
+                             "SITE UTIME x", "SITE CHMOD 777 x"}) {
         EXPECT_EQ(client.command(line).code, 504) << line;
     }
     EXPECT_EQ(client.command("AUTH TLS").code, 502);
@@ -117,6 +117,7 @@ TEST(LiveSession, OptsAndParameters) {
     EXPECT_EQ(client.command("TYPE").code, 501);
     EXPECT_EQ(client.command("PWD x").code, 501);
     EXPECT_EQ(client.command("REST x").code, 501);
+    EXPECT_EQ(client.command("SPOR x").code, 501);
     EXPECT_EQ(client.command("ALLO x").code, 501);
     EXPECT_EQ(client.command("ALLO 5 R").code, 501);
     EXPECT_EQ(client.command("ALLO 5 R 5").code, 200);

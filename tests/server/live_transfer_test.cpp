@@ -224,26 +224,6 @@ TEST(LiveTransfer, ComparesAnAnnouncedChecksum) {
     EXPECT_EQ(client.command("SCKS MD5 abc").code, 501);
 }
 
-TEST(LiveTransfer, Checksums) {
-    LiveServer server;
-    const std::string data = pattern(100000);
-    put("/bucket/x y", data);
-    Client client = server.client();
-    client.send("CKSM MD5 0 -1 /bucket/x y\r\n");
-    Reply reply = client.reply();
-    EXPECT_EQ(reply.text, "113 100000\r\n");
-    EXPECT_EQ(client.reply().text, "213 " + md5(data) + "\r\n");
-    client.send("CKSM MD5 10 20 /bucket/x y\r\n");
-    client.reply();
-    EXPECT_EQ(client.reply().text, "213 " + md5(data.substr(10, 20)) + "\r\n");
-    EXPECT_EQ(client.command("HASH /bucket/x y").text, "213 MD5 0-100000 " + md5(data) + " /bucket/x y\r\n");
-    EXPECT_EQ(client.command("XMD5 /bucket/x y").text, "250 " + md5(data) + "\r\n");
-    EXPECT_EQ(client.command("XMD5 \"/bucket/x y\" 5 9").text, "250 " + md5(data.substr(5, 4)) + "\r\n");
-    EXPECT_EQ(client.command("CKSM MD5 0 /bucket/x").code, 501);
-    EXPECT_EQ(client.command("CKSM MD5 0 -1 /bucket/none").code, 550);
-    EXPECT_EQ(client.command("HASH /bucket/none").code, 550);
-}
-
 TEST(LiveTransfer, SizesAndTimes) {
     LiveServer server;
     put("/bucket/x", "12345");
@@ -269,8 +249,11 @@ TEST(LiveTransfer, NamesChange) {
     put("/bucket/x", "data");
     Client client = server.client();
     EXPECT_EQ(client.command("RNTO /bucket/y").code, 503);
-    EXPECT_EQ(client.command("RNFR /bucket/none").code, 550);
-    EXPECT_EQ(client.command("RNFR /bucket/x").code, 350);
+    EXPECT_EQ(client.command("RNFR /bucket/none").code, 350) << "nothing is asked before RNTO";
+    EXPECT_EQ(client.command("RNTO /bucket/y").code, 550);
+    EXPECT_EQ(client.command("RNTO /bucket/y").code, 503);
+    EXPECT_EQ(client.command("RNFR /bucket/error-system/x").code, 350);
+    EXPECT_EQ(client.command("RNFR /bucket/x").code, 350) << "the second takes the first one's place";
     EXPECT_EQ(client.command("RNTO /bucket/y").code, 250);
     EXPECT_EQ(client.command("RNTO /bucket/z").code, 503);
     EXPECT_EQ(content("/bucket/y"), "data");
@@ -422,6 +405,46 @@ TEST(LiveTransfer, NobodyConnects) {
         EXPECT_EQ(reply.code, 425) << line;
     }
     EXPECT_EQ(client.command("NOOP").code, 200);
+}
+
+// Some clients connect to the passive port only after they have seen the 150.
+TEST(LiveTransfer, AClientMayConnectAfterThe150) {
+    LiveServer server;
+    put("/bucket/x", "data");
+    Client client = server.client();
+    for (const char* line :
+         {"RETR /bucket/x", "LIST /bucket", "NLST /bucket", "MLSD /bucket", "LIST /bucket/x"}) {
+        const std::uint16_t port = client.passive_port();
+        ASSERT_EQ(client.command(line).code, 150) << line;
+        EXPECT_NE(Socket::connect("127.0.0.1", port).read_all(), "") << line;
+        EXPECT_EQ(client.reply().code, 226) << line;
+    }
+    for (const char* announcement : {"ALLO 4", "NOOP"}) {
+        client.command(announcement);
+        const std::uint16_t port = client.passive_port();
+        ASSERT_EQ(client.command("STOR /bucket/late").code, 150) << announcement;
+        Socket data = Socket::connect("127.0.0.1", port);
+        data.write("late");
+        data.close();
+        EXPECT_EQ(client.reply().code, 226) << announcement;
+        EXPECT_EQ(content("/bucket/late"), "late");
+    }
+    // A failure comes alone, connected or not.
+    for (const char* line : {"RETR /bucket/none", "LIST /bucket/none"}) {
+        client.passive_port();
+        EXPECT_EQ(client.command(line).code, 550) << line;
+    }
+}
+
+// A size is counted in bytes as they are stored: in TYPE A nobody knows how many come.
+TEST(LiveTransfer, AlloInTypeACountsNotAfterTypeI) {
+    LiveServer server;
+    Client client = server.client();
+    client.command("TYPE A");
+    client.command("ALLO 3");
+    client.command("TYPE I");
+    EXPECT_EQ(client.store("STOR /bucket/x", "more than three").code, 226);
+    EXPECT_EQ(content("/bucket/x"), "more than three");
 }
 
 TEST(LiveTransfer, OnlyTheClientsAddressGetsIn) {

@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <zorvan_gridftp_server.h>
 
 #include <algorithm>
@@ -36,6 +37,9 @@ struct store {
     std::atomic<std::size_t> open_sessions{0};
     std::atomic<std::size_t> destroyed_sessions{0};
     std::atomic<int> batch{100};
+    bool hold_checksums = false;
+    std::size_t held_checksums = 0;
+    std::condition_variable released;
 };
 
 store& the_store() {
@@ -196,6 +200,12 @@ void stat_entry(zorvan_gridftp_server_operation_t op, const zorvan_gridftp_serve
                 void* /*session_handle*/) {
     on_thread([op, info] {
         const std::string path = info->pathname;
+        if (path.find("/hang") != std::string::npos) {
+            zorvan_gfs_log_message(ZORVAN_GFS_LOG_ERROR, "a stat hangs");
+            for (;;) {
+                (void)::pause();
+            }
+        }
         if (auto failure = asked_failure(path)) {
             zorvan_gridftp_server_finished_stat(op, *failure, nullptr, 0);
             return;
@@ -290,6 +300,9 @@ zorvan_result_t do_command(zorvan_gridftp_server_operation_t op,
                 return not_found(path);
             }
             const auto content = found->second.content;
+            ++the_store().held_checksums;
+            the_store().released.wait(lock, [] { return !the_store().hold_checksums; });
+            --the_store().held_checksums;
             lock.unlock();
             int interval = -1;
             (void)zorvan_gridftp_server_get_update_interval(op, &interval);
@@ -369,7 +382,8 @@ void send_object(zorvan_gridftp_server_operation_t op, const std::string& path) 
             break;
         }
         const auto size = static_cast<zorvan_off_t>(content->size());
-        const zorvan_off_t end = length < 0 ? size : std::min(size, offset + length);
+        const bool to_the_end = length < 0 || length > size - std::min(offset, size);
+        const zorvan_off_t end = to_the_end ? size : offset + length;
         while (offset < end && result == ZORVAN_SUCCESS && !state.failed) {
             state.changed.wait(lock, [&] { return state.outstanding < concurrency; });
             const auto part =
@@ -484,7 +498,7 @@ void read_done(zorvan_gridftp_server_operation_t op, zorvan_result_t result, uns
     } else if (nbytes > 0) {
         zorvan_gridftp_server_update_bytes_recvd(op, static_cast<zorvan_off_t>(nbytes), offset);
         state.received += static_cast<std::int64_t>(nbytes);
-        if (offset + static_cast<zorvan_off_t>(nbytes) > state.begin + state.announced) {
+        if (offset - state.begin + static_cast<zorvan_off_t>(nbytes) > state.announced) {
             if (state.result == ZORVAN_SUCCESS) {
                 state.result = system_error(EFBIG, "write");
             }
@@ -519,6 +533,10 @@ void recv_entry(zorvan_gridftp_server_operation_t op, const zorvan_gridftp_serve
         if (!is_directory_locked(parent_of(state->path)) || is_directory_locked(state->path)) {
             state->result = not_found(parent_of(state->path));
         }
+    }
+    constexpr std::int64_t room = 1LL << 30;
+    if (state->result == ZORVAN_SUCCESS && state->begin > room) {
+        state->result = system_error(EFBIG, "write");
     }
     if (state->result == ZORVAN_SUCCESS) {
         zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
@@ -587,6 +605,15 @@ const zorvan_memory_backend_s zorvan_memory_backend = {
     [] { return the_store().open_sessions.load(); },
     [] { return the_store().destroyed_sessions.load(); },
     [](int entries) { the_store().batch = entries; },
+    [](int hold) {
+        const std::lock_guard lock(the_store().mutex);
+        the_store().hold_checksums = hold != 0;
+        the_store().released.notify_all();
+    },
+    [] {
+        const std::lock_guard lock(the_store().mutex);
+        return the_store().held_checksums;
+    },
 };
 }
 

@@ -3,9 +3,9 @@
 // exports as zorvan_memory_backend. It may be loaded with the option string "fresh" or none.
 //
 // Names make it fail: a path with the component "error-plain", "error-system" (EFBIG), "error-generic" or
-// "error-NNN" (FTP response with that code) is refused so by every operation. Names of users: "refused" gets
-// an error, "nosession" success without a session. Directories below the root are its buckets; "/bucket"
-// exists.
+// "error-NNN" (FTP response with that code) is refused so by every operation. A stat of a path with a
+// component that begins with "hang" never ends. Names of users: "refused" gets an error, "nosession" success
+// without a session. Directories below the root are its buckets; "/bucket" exists.
 #pragma once
 
 #include <cstddef>
@@ -25,5 +25,9 @@ struct zorvan_memory_backend_s {
     std::size_t (*destroyed_sessions)();
     /// How many listing entries each partial call hands over (default 100).
     void (*set_batch)(int entries);
+    /// Keep checksums from ending (1), or let them (0).
+    void (*hold_checksums)(int hold);
+    /// How many are being kept.
+    std::size_t (*held_checksums)();
 };
 }

@@ -1,5 +1,6 @@
 // The program itself, as a child: exit status and standard error of what goes wrong at the start, and its
 // orderly end.
+#include <crypt.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -49,11 +50,33 @@ class Program : public ::testing::Test {
         ASSERT_EQ(::chmod((folder_ / name).c_str(), mode), 0);
     }
 
-    void write_config(const std::string& backend = "memory") {
+    void write_config(const std::string& backend = "memory", const std::string& more = "") {
         write(
             "s.toml",
             "[server]\nlisten = [\"127.0.0.1:0\", \"[::1]:0\"]\nport_file = \"ports\"\n[backend]\nname = \"" +
-                backend + "\"\nmodule_dir = \"" ZORVAN_TEST_MODULE_DIR "\"\n[users]\nfile = \"users\"\n");
+                backend + "\"\nmodule_dir = \"" ZORVAN_TEST_MODULE_DIR "\"\n" + more +
+                "[users]\nfile = \"users\"\n");
+    }
+
+    /// Wait until the program has said where it listens. @return the IPv4 port
+    std::uint16_t wait_for_port() {
+        for (int round = 0; round < 6000 && !fs::exists(folder_ / "ports"); ++round) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::istringstream ports(read_file(folder_ / "ports"));
+        std::string address;
+        std::uint16_t port = 0;
+        ports >> address >> port;
+        return port;
+    }
+
+    /// Wait until the program has said something.
+    bool wait_for_output(const std::string& text) {
+        for (int round = 0; round < 6000; ++round) {
+            if (output().find(text) != std::string::npos) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
     }
 
     void start(std::vector<std::string> arguments) {
@@ -131,9 +154,7 @@ TEST_F(Program, WritesItsPortsServesAndEnds) {
         write_config();
         fs::remove(folder_ / "ports");
         start({"--config", path("s.toml")});
-        for (int round = 0; round < 6000 && !fs::exists(folder_ / "ports"); ++round) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        wait_for_port();
         std::istringstream ports(read_file(folder_ / "ports"));
         std::string v4;
         std::string v6;
@@ -151,4 +172,33 @@ TEST_F(Program, WritesItsPortsServesAndEnds) {
         EXPECT_NE(output().find("listening on 127.0.0.1:" + std::to_string(port)), std::string::npos)
             << output();
     }
+}
+
+// A worker that sits in a request for ever holds nobody up: no new sessions, the running ones are cut at the
+// limit, and after a grace the process ends as it is.
+TEST_F(Program, EndsWithAWorkerThatNeverReturns) {
+    crypt_data data{};
+    write("users", std::string("alice:") + ::crypt_r("secret", "$5$rounds=1000$saltsalt$", &data) + "\n",
+          0640);
+    write_config("memory", "[timeouts]\nshutdown = 1\n");
+    start({"--config", path("s.toml")});
+    const std::uint16_t port = wait_for_port();
+    auto client = ftp_test::Client::logged_in(port);
+    client.send("SIZE /bucket/hang\r\n");
+    ASSERT_TRUE(wait_for_output("a stat hangs")) << output();
+    ASSERT_EQ(::kill(child_, SIGTERM), 0);
+    ASSERT_TRUE(wait_for_output("shutting down")) << output();
+    bool refused = false;
+    for (int round = 0; round < 6000 && !refused; ++round) {
+        try {
+            (void)ftp_test::Client(port);
+        } catch (const std::runtime_error&) {
+            refused = true;
+        }
+    }
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(client.reply().code, 0) << "cut, without an answer";
+    EXPECT_EQ(wait(), 0);
+    EXPECT_NE(output().find("ending with back-end work still running"), std::string::npos) << output();
+    EXPECT_EQ(output().find(" ended"), std::string::npos) << "nothing is deactivated";
 }

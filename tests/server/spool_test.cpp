@@ -68,6 +68,20 @@ TEST_F(spooled, the_back_end_sees_an_ordinary_sized_upload) {
     EXPECT_EQ(events.announced, 1);
 }
 
+// What an upload took of the process's spool is there for others as soon as it has ended, whatever its
+// session does next.
+TEST_F(spooled, an_idle_session_keeps_nothing_of_its_last_upload) {
+    log_in();
+    reading_backend();
+    EXPECT_FALSE(upload(pattern(300'000), unknown()).error);
+    const auto limit = std::chrono::steady_clock::now() + patience;
+    while (shared->counters().operations != 0 && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(shared->counters().operations, 0u);
+    EXPECT_EQ(shared->counters().spool_bytes, 0u);
+}
+
 TEST_F(spooled, an_empty_upload_ends_at_once) {
     log_in();
     reading_backend();

@@ -67,6 +67,14 @@ TEST(UsersFile, ChecksPasswords) {
     EXPECT_FALSE(users.check("", "correct-horse"));
 }
 
+TEST(UsersFile, APasswordDoesNotEndAtANul) {
+    const users_file users = users_file::parse("bob:" + sha512() + "\n", "users");
+    EXPECT_TRUE(users.check("bob", "secret"));
+    EXPECT_FALSE(users.check("bob", std::string("secret\0", 7)));
+    EXPECT_FALSE(users.check("bob", std::string("secret\0more", 11)));
+    EXPECT_FALSE(users.check(std::string("bob\0", 4), "secret"));
+}
+
 TEST(UsersFile, AnUnknownUserIsRefusedEvenWithTheDecoysPassword) {
     const users_file users = users_file::parse("alice:" + std::string(yescrypt) + "\n", "users");
     EXPECT_FALSE(users.check("mallory", "correct-horse"));

@@ -1,0 +1,501 @@
+// Extended mode over sockets against the real server: blocks of several connections in any order, ends of
+// data that do and do not add up, restarts, and clients that break the rules.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "block_codec.h"
+#include "live_server.h"
+
+using namespace ftp_test;
+using zorvan::gridftp::block_header;
+using zorvan::gridftp::block_header_size;
+namespace bits = zorvan::gridftp;
+
+namespace {
+
+std::string header(unsigned char flags, std::uint64_t count, std::uint64_t offset) {
+    const auto bytes = zorvan::gridftp::encode({flags, count, offset});
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::string block(std::string_view data, std::uint64_t offset, unsigned char flags = 0) {
+    return header(flags, data.size(), offset) + std::string(data);
+}
+
+std::string end_of_data(unsigned char more = 0) {
+    return header(static_cast<unsigned char>(bits::block_end_of_data | more), 0, 0);
+}
+
+std::string end_of_file(std::uint64_t connections) {
+    return header(bits::block_end_of_file | bits::block_end_of_data, 0, connections);
+}
+
+/// A session in extended mode that uploads.
+class Uploader {
+  public:
+    explicit Uploader(LiveServer& server) : client(server.client()) {
+        EXPECT_EQ(client.command("MODE E").code, 200);
+    }
+    /// Listen anew, with so many connections.
+    void connect(std::size_t count) {
+        port = client.passive_port();
+        sockets.clear();
+        more(count);
+    }
+    void more(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i)
+            sockets.push_back(Socket::connect("127.0.0.1", port));
+    }
+    /// The final reply to a command that was sent.
+    Reply final_reply() {
+        Reply answer = client.reply();
+        while (answer.code != 0 && answer.code < 200)
+            answer = client.reply();
+        return answer;
+    }
+    /// One upload that consists of this on each connection, written by a thread for each.
+    Reply store(const std::string& line, const std::vector<std::string>& data) {
+        if (sockets.size() < data.size()) connect(data.size());
+        client.send(line + "\r\n");
+        std::vector<std::jthread> writers;
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            writers.emplace_back([this, i, &data] { sockets[i].write(data[i]); });
+        }
+        const Reply answer = final_reply();
+        for (auto& writer : writers)
+            writer.join();
+        return answer;
+    }
+
+    Client client;
+    std::uint16_t port = 0;
+    std::vector<Socket> sockets;
+};
+
+/// Blocks of a file, dealt out to connections in turn.
+std::vector<std::string> deal(const std::string& data, std::size_t connections, std::size_t size) {
+    std::vector<std::string> dealt(connections);
+    for (std::size_t at = 0, turn = 0; at < data.size(); at += size, ++turn) {
+        dealt[turn % connections] += block(std::string_view(data).substr(at, size), at);
+    }
+    for (std::size_t i = 0; i < connections; ++i) {
+        dealt[i] += i == 0 ? end_of_file(connections) : end_of_data();
+    }
+    return dealt;
+}
+
+std::string allo(const std::string& data) {
+    return "ALLO " + std::to_string(data.size());
+}
+
+class LiveExtended : public ::testing::TestWithParam<bool> {
+  protected:
+    /// Announce the size, in the runs that do.
+    void announce(Uploader& up, const std::string& data) const {
+        if (GetParam()) {
+            EXPECT_EQ(up.client.command(allo(data)).code, 200);
+        }
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, LiveExtended, ::testing::Bool(),
+                         [](const auto& run) { return run.param ? "Announced" : "Unknown"; });
+
+}  // namespace
+
+TEST_P(LiveExtended, UploadsOverSeveralConnections) {
+    LiveServer server;
+    Uploader up(server);
+    const std::string data = pattern(5000011);
+    announce(up, data);
+    EXPECT_EQ(up.store("STOR /bucket/x", deal(data, 4, 65536)).text, "226 Transfer complete.\r\n");
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, KeepsTheConnectionsForTheNextTransfer) {
+    LiveServer server;
+    Uploader up(server);
+    up.connect(3);
+    for (const char* name : {"/bucket/a", "/bucket/b", "/bucket/c"}) {
+        const std::string data = pattern(300000);
+        announce(up, data);
+        EXPECT_EQ(up.store(std::string("STOR ") + name, deal(data, 3, 10000)).code, 226);
+        EXPECT_TRUE(content(name) == data);
+    }
+}
+
+TEST_P(LiveExtended, TakesLateConnectionsAndClosedOnes) {
+    LiveServer server;
+    Uploader up(server);
+    const std::string data = pattern(100000);
+    announce(up, data);
+    up.connect(1);
+    up.client.send("STOR /bucket/x\r\n");
+    up.sockets[0].write(block(data.substr(60000), 60000) + end_of_data(bits::block_closes));
+    up.sockets[0].close();
+    EXPECT_EQ(up.client.reply().code, 150);
+    up.more(1);
+    up.sockets[1].write(block(data.substr(0, 60000), 0) + end_of_file(2));
+    EXPECT_EQ(up.final_reply().code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, TakesBlocksInReverseOrder) {
+    LiveServer server("[server]\nblock_size = 4096\n");
+    Uploader up(server);
+    const std::string data = pattern(3000000);
+    announce(up, data);
+    std::string blocks;
+    for (std::size_t at = data.size(); at > 0; at -= 10000) {
+        blocks += block(std::string_view(data).substr(at - 10000, 10000), at - 10000);
+    }
+    EXPECT_EQ(up.store("STOR /bucket/x", {blocks + end_of_file(1)}).code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, TakesAContiguousPartFromEachConnection) {
+    LiveServer server("[server]\nblock_size = 4096\n");
+    Uploader up(server);
+    const std::string data = pattern(8000000);
+    announce(up, data);
+    EXPECT_EQ(up.store("STOR /bucket/x", deal(data, 4, 2000000)).code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+// A client that writes one connection after the other, the first part last, and more than the network holds.
+TEST_P(LiveExtended, TheFirstPartMayComeLast) {
+    LiveServer server("[server]\nblock_size = 4096\n");
+    Uploader up(server);
+    const std::string data = pattern(24U << 20U);
+    announce(up, data);
+    up.connect(4);
+    up.client.send("STOR /bucket/x\r\n");
+    const auto dealt = deal(data, 4, data.size() / 4);
+    for (const std::size_t which : {3U, 2U, 1U, 0U})
+        ASSERT_TRUE(up.sockets[which].write(dealt[which]));
+    EXPECT_EQ(up.final_reply().code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, AnIdleConnectionHoldsNobodyUp) {
+    LiveServer server("[server]\nblock_size = 4096\n");
+    Uploader up(server);
+    const std::string data = pattern(4000000);
+    announce(up, data);
+    up.connect(3);
+    EXPECT_EQ(up.store("STOR /bucket/x", deal(data, 2, 4000)).code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, TakesThousandsOfTinyBlocks) {
+    LiveServer server;
+    Uploader up(server);
+    const std::string data = pattern(20000);
+    announce(up, data);
+    auto dealt = deal(data, 3, 1);
+    dealt[1] = header(0, 0, 0) + header(0, 0, ~0ULL) + dealt[1];
+    EXPECT_EQ(up.store("STOR /bucket/x", dealt).code, 226);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
+
+TEST_P(LiveExtended, RestartsBehindWhatIsThere) {
+    LiveServer server;
+    Uploader up(server);
+    put("/bucket/x", "0123456789");
+    put("/bucket/y", "0123456789");
+    EXPECT_EQ(up.client.command("REST 0-4").code, 350);
+    announce(up, "abc");
+    EXPECT_EQ(up.store("STOR /bucket/x", {block("abc", 4) + end_of_file(1)}).code, 226);
+    EXPECT_EQ(content("/bucket/x"), "0123abc");
+    announce(up, "abc");
+    EXPECT_EQ(up.store("ESTO A 4 /bucket/y", {block("abc", 0) + end_of_file(1)}).code, 226);
+    EXPECT_EQ(content("/bucket/y"), "0123abc");
+    EXPECT_EQ(up.client.command("REST 0-4,6-8").code, 350);
+    EXPECT_EQ(up.client.command("STOR /bucket/x").code, 553);
+    EXPECT_EQ(up.client.command("REST 2-4").code, 350);
+    EXPECT_EQ(up.client.command("STOR /bucket/x").code, 553);
+    EXPECT_EQ(content("/bucket/x"), "0123abc");
+}
+
+TEST_P(LiveExtended, WhatDoesNotAddUpStoresNothing) {
+    LiveServer server("[timeouts]\ndata_stall = 1\n");
+    const std::string data = "0123456789";
+    const auto half = block("01234", 0);
+    const auto rest = block("56789", 5);
+    const std::map<std::string, std::vector<std::string>> uploads = {
+        {"a hole", {block("0123", 0) + block("56789", 5) + end_of_file(1)}},
+        {"an overlap", {block("012345", 0) + rest + end_of_file(1)}},
+        {"a block twice", {half + half + rest + end_of_file(1)}},
+        {"no end of file", {half + rest + end_of_data()}},
+        {"no end of data", {half + rest}},
+        {"a missing end of data", {half + rest + end_of_file(2)}},
+        {"more ends than announced", {half + end_of_data(), rest + end_of_data() + end_of_file(1)}},
+        {"two ends of data on a connection", {half + rest + end_of_data() + end_of_file(2)}},
+        {"no connection announced", {half + rest + end_of_file(0)}},
+        {"too many announced", {half + rest + end_of_file(~0ULL)}},
+        {"data behind the end", {half + end_of_file(1) + rest}},
+        {"a second end of file", {half + rest + header(0x40, 0, 2) + end_of_file(2)}},
+        {"unknown bits", {half + block("56789", 5, 0x02) + end_of_file(1)}},
+        {"a restart marker", {half + block("56789", 5, 0x10) + end_of_file(1)}},
+        {"suspect data", {half + block("56789", 5, 0x20) + end_of_file(1)}},
+        {"an end of file with data", {half + rest + block("x", 1, 0x48)}},
+        {"a huge offset", {half + block("56789", ~0ULL - 2) + end_of_file(1)}},
+        {"an offset of 2^63", {half + block("56789", 1ULL << 63U) + end_of_file(1)}},
+        {"a huge count", {half + header(0, ~0ULL, 5) + "56789"}},
+    };
+    for (const auto& [name, blocks] : uploads) {
+        Uploader up(server);
+        announce(up, data);
+        const Reply reply = up.store("STOR /bucket/x", blocks);
+        EXPECT_GE(reply.code, 400) << name << ": " << reply.text;
+        EXPECT_FALSE(stored("/bucket/x")) << name;
+        EXPECT_EQ(up.client.command("NOOP").code, 200) << name;
+    }
+}
+
+TEST_P(LiveExtended, ABrokenConnectionStoresNothing) {
+    LiveServer server;
+    const std::string data = pattern(1000000);
+    for (const bool in_a_block : {true, false}) {
+        Uploader up(server);
+        announce(up, data);
+        up.connect(2);
+        up.client.send("STOR /bucket/x\r\n");
+        up.sockets[1].write(block(data.substr(500000), 500000) + end_of_file(2));
+        up.sockets[0].write(in_a_block ? block(data.substr(0, 500000), 0).substr(0, 300000)
+                                       : block(data.substr(0, 500000), 0));
+        up.sockets[0].close();
+        EXPECT_EQ(up.final_reply().code, 426);
+        EXPECT_FALSE(stored("/bucket/x"));
+    }
+}
+
+TEST_P(LiveExtended, AbortsAndLostClientsStoreNothing) {
+    LiveServer server;
+    const std::string data = pattern(100000);
+    {
+        Uploader up(server);
+        announce(up, data);
+        up.connect(2);
+        up.client.send("STOR /bucket/x\r\n");
+        EXPECT_EQ(up.client.reply().code, 150);
+        up.sockets[0].write(block(data, 0) + end_of_file(2));
+        up.client.send("ABOR\r\n");
+        EXPECT_EQ(up.client.reply().code, 426);
+        EXPECT_EQ(up.client.reply().code, 226);
+    }
+    {
+        Uploader up(server);
+        announce(up, data);
+        up.connect(1);
+        up.client.send("STOR /bucket/x\r\n");
+        EXPECT_EQ(up.client.reply().code, 150);
+        up.sockets[0].write(block(data, 0));
+        up.client.control().close();
+        up.sockets[0].write(end_of_file(1));
+    }
+    server.stop();
+    EXPECT_FALSE(stored("/bucket/x"));
+}
+
+TEST(LiveExtendedUpload, BlocksBeyondTheAnnouncedSizeAreRefused) {
+    LiveServer server;
+    Uploader up(server);
+    EXPECT_EQ(up.client.command("ALLO 5").code, 200);
+    EXPECT_EQ(up.store("STOR /bucket/x", {block("01234", 0) + block("5", 5) + end_of_file(1)}).code, 552);
+    EXPECT_FALSE(stored("/bucket/x"));
+    up.sockets.clear();
+    EXPECT_EQ(up.client.command("ALLO 6").code, 200);
+    EXPECT_EQ(up.store("STOR /bucket/x", {block("01234", 0) + end_of_file(1)}).code, 550);
+    EXPECT_FALSE(stored("/bucket/x"));
+}
+
+TEST(LiveExtendedUpload, HasALimitOfConnections) {
+    LiveServer server;
+    Uploader up(server);
+    up.connect(1);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    std::vector<Socket> many;
+    try {
+        for (int i = 0; i < 100; ++i)
+            many.push_back(Socket::connect("127.0.0.1", up.port));
+    } catch (const std::runtime_error&) {
+        // The listener has gone already.
+    }
+    EXPECT_EQ(up.final_reply().code, 426);
+    EXPECT_FALSE(stored("/bucket/x"));
+}
+
+TEST(LiveExtendedUpload, WantsTheSenderToConnect) {
+    LiveServer server;
+    put("/bucket/x", "data");
+    Uploader up(server);
+    up.connect(1);
+    EXPECT_EQ(up.client.command("RETR /bucket/x").code, 425);
+    EXPECT_EQ(up.client.command("STOR /bucket/y").code, 425) << "a refusal uses the listener up";
+    const Socket listener = Socket::listen("127.0.0.1");
+    const int port = listener.local_port();
+    const std::string address = "127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256);
+    EXPECT_EQ(up.client.command("SPOR " + address).code, 200);
+    EXPECT_EQ(up.client.command("STOR /bucket/y").code, 425);
+    EXPECT_EQ(up.client.command("SPOR " + address + " " + address).code, 504);
+    EXPECT_EQ(up.client.command("MLSD /bucket").code, 504);
+    EXPECT_EQ(up.client.command("APPE /bucket/x").code, 504);
+    const Reply striped = up.client.command("SPAS");
+    EXPECT_EQ(striped.code, 229);
+    EXPECT_EQ(striped.text.find("229-Entering Striped Passive Mode.\r\n 127,0,0,1,"), 0U) << striped.text;
+    EXPECT_EQ(up.client.command("MODE B").code, 504);
+    EXPECT_EQ(up.client.command("MODE S").code, 200);
+    EXPECT_EQ(up.client.command("REST 0-5").code, 501) << "lists are for extended mode";
+}
+
+// ----------------------------------------------------------------------------- downloads
+
+namespace {
+
+/// The client's end of downloads in extended mode.
+class Downloader {
+  public:
+    Downloader(LiveServer& server, std::size_t connections)
+        : client(server.client()), count_(connections), listener_(Socket::listen("127.0.0.1")) {
+        EXPECT_EQ(client.command("MODE E").code, 200);
+        const auto text = std::to_string(connections);
+        EXPECT_EQ(client.command("OPTS RETR Parallelism=" + text + "," + text + "," + text + ";").code, 200);
+        const int port = listener_.local_port();
+        EXPECT_EQ(
+            client.command("PORT 127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256))
+                .code,
+            200);
+    }
+
+    /// What arrives, by offset; the ends of data are checked.
+    std::string fetch(const std::string& line, Reply& last, std::uint64_t* first_offset = nullptr) {
+        client.send(line + "\r\n");
+        while (sockets_.size() < count_)
+            sockets_.push_back(listener_.accept());
+        std::map<std::uint64_t, std::string> blocks;
+        std::uint64_t announced = 0;
+        std::size_t used = 0;
+        for (const auto& socket : sockets_) {
+            bool ended = false;
+            bool any = false;
+            while (!ended) {
+                const auto head = exactly(socket, block_header_size);
+                if (head.size() < block_header_size) break;
+                const block_header one =
+                    zorvan::gridftp::decode(std::span<const unsigned char, block_header_size>(
+                        reinterpret_cast<const unsigned char*>(head.data()), block_header_size));
+                if ((one.bits & bits::block_end_of_file) != 0) announced = one.offset;
+                if (one.count > 0) {
+                    blocks[one.offset] = exactly(socket, one.count);
+                    any = true;
+                }
+                ended = (one.bits & bits::block_end_of_data) != 0;
+            }
+            EXPECT_TRUE(ended);
+            used += any ? 1 : 0;
+        }
+        EXPECT_EQ(announced, sockets_.size());
+        connections_used = used;
+        last = client.reply();
+        while (last.code < 200 && last.code != 0)
+            last = client.reply();
+        std::string all;
+        if (first_offset != nullptr && !blocks.empty()) *first_offset = blocks.begin()->first;
+        for (const auto& [offset, data] : blocks)
+            all += data;
+        offsets.clear();
+        for (const auto& [offset, data] : blocks)
+            offsets.emplace_back(offset, offset + data.size());
+        return all;
+    }
+
+    Client client;
+    std::size_t connections_used = 0;
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> offsets;
+
+  private:
+    static std::string exactly(const Socket& socket, std::size_t size) {
+        std::string data(size, '\0');
+        std::size_t done = 0;
+        while (done < size) {
+            const std::size_t count = socket.read(data.data() + done, size - done);
+            if (count == 0) break;
+            done += count;
+        }
+        data.resize(done);
+        return data;
+    }
+
+    std::size_t count_;
+    Socket listener_;
+    std::vector<Socket> sockets_;
+};
+
+}  // namespace
+
+TEST(LiveExtendedDownload, ComesOverSeveralConnectionsThatAreUsedAgain) {
+    LiveServer server("[server]\nblock_size = 65536\n");
+    const std::string data = pattern(3000001);
+    put("/bucket/x", data);
+    put("/bucket/empty", "");
+    Downloader down(server, 3);
+    Reply last;
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_TRUE(down.fetch("RETR /bucket/x", last) == data);
+        EXPECT_EQ(last.text, "226 Transfer complete.\r\n");
+        EXPECT_GE(down.connections_used, 1U);
+        EXPECT_EQ(down.fetch("RETR /bucket/empty", last), "");
+        EXPECT_EQ(last.code, 226);
+    }
+}
+
+TEST(LiveExtendedDownload, SendsWhatIsMissing) {
+    LiveServer server;
+    put("/bucket/x", "0123456789");
+    Downloader down(server, 1);
+    Reply last;
+    EXPECT_EQ(down.client.command("REST 0-2,5-7").code, 350);
+    EXPECT_EQ(down.fetch("RETR /bucket/x", last), "234789");
+    EXPECT_EQ(last.code, 226);
+    const std::vector<std::pair<std::uint64_t, std::uint64_t>> missing{{2, 5}, {7, 10}};
+    EXPECT_EQ(down.offsets, missing);
+    EXPECT_EQ(down.client.command("REST 4").code, 350);
+    EXPECT_EQ(down.fetch("RETR /bucket/x", last), "456789");
+    std::uint64_t first = 99;
+    EXPECT_EQ(down.fetch("ERET P 3 4 /bucket/x", last, &first), "3456");
+    EXPECT_EQ(first, 0U) << "the offsets of a part are those within the part";
+}
+
+TEST(LiveExtendedDownload, RefusesWhatItCannotDo) {
+    LiveServer server;
+    Downloader down(server, 2);
+    EXPECT_EQ(down.client.command("RETR /bucket/none").code, 550) << "its error alone";
+    for (const char* bad : {"Parallelism=1,1;", "Parallelism=0,1,1;", "Parallelism=a,b,c;",
+                            "Parallelism=1,1,1", "Parallelism=1,1,1,1;", "Other=1;", ""}) {
+        EXPECT_EQ(down.client.command(std::string("OPTS RETR ") + bad).code, 501) << bad;
+    }
+}
+
+TEST(LiveExtendedDownload, AClientThatVanishesIsNoTrouble) {
+    LiveServer server;
+    put("/bucket/x", pattern(64U << 20U));
+    Client client = server.client();
+    client.command("MODE E");
+    client.command("OPTS RETR Parallelism=2,2,2;");
+    const Socket listener = Socket::listen("127.0.0.1");
+    const int port = listener.local_port();
+    client.command("PORT 127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256));
+    client.send("RETR /bucket/x\r\n");
+    Socket first = listener.accept();
+    Socket second = listener.accept();
+    EXPECT_EQ(client.reply().code, 150);
+    first.reset();
+    EXPECT_EQ(client.reply().code, 426);
+    EXPECT_EQ(client.command("NOOP").code, 200);
+}

@@ -1,0 +1,361 @@
+// Memory runs out inside the calls of the data storage interface: each is repeated with its first, second,
+// ... allocation failing until one run needs no more. Nothing is thrown, lost or done twice: a call that can
+// fail does, an operation always ends, and what could not be copied never passes for the whole.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "core_fixture.h"
+#include "failing_system.h"
+
+using namespace zorvan::gridftp;
+using namespace zorvan::gridftp::testing_support;
+using zorvan::test::FailingAllocations;
+
+// How std::thread starts its thread; the linker leads the pool's calls here.
+namespace {
+std::atomic<bool> no_threads{false};
+std::atomic<int> refused_threads{0};
+}  // namespace
+extern "C" {
+void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    void* thread, void* state, void (*depend)());
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    void* thread, void* state, void (*depend)()) {
+    if (no_threads) {
+        ++refused_threads;
+        throw std::system_error(EAGAIN, std::generic_category());
+    }
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+        thread, state, depend);
+}
+}
+
+namespace {
+
+constexpr int most_allocations = 200;
+const std::string long_text(100, 't');  // beyond what a string keeps without an allocation
+
+class out_of_memory : public core_test {
+  protected:
+    /// Runs `round` with a failing allocation each time, until nothing failed.
+    /// @param round  gives the number of the allocation that fails; says whether one did
+    /// @return how many allocations there are
+    static int fail_each(const std::function<bool(int)>& round) {
+        for (int after = 0; after < most_allocations; ++after) {
+            if (!round(after)) {
+                return after;
+            }
+        }
+        ADD_FAILURE() << "no end of allocations";
+        return most_allocations;
+    }
+
+    /// Run a call of the back end with one failing allocation. @return whether there was one
+    template <class Call>
+    static bool with_failure(int after, Call call) {
+        const FailingAllocations failures(after, 1);
+        call();
+        return failures.failed();
+    }
+
+    static bool is_out_of_memory(const std::optional<operation_error>& error) {
+        return error && error->errno_value == ENOMEM;
+    }
+};
+
+struct silent final : progress_sink {
+    task<void> progress(std::string_view) override { co_return; }
+};
+
+TEST_F(out_of_memory, in_the_end_of_a_session_start) {
+    shared = std::make_unique<host>(config, io.get_executor());
+    const int rounds = fail_each([this](int after) {
+        std::atomic<bool> failed{false};
+        the_script().session_start = [&](op_handle op, auto) {
+            failed = with_failure(after, [op] {
+                zorvan_gridftp_server_finished_session_start(op, ZORVAN_SUCCESS, session_value(),
+                                                             long_text.c_str(), long_text.c_str());
+            });
+        };
+        ++expected_destroys;
+        auto outcome = result_of(start(
+            backend_session::start(promise_module(), *shared, strand, {"user", "127.0.0.1", "", {}, {}})));
+        settle_threads();
+        if (outcome.session) {
+            EXPECT_EQ(outcome.user_name, long_text);
+            EXPECT_EQ(outcome.home_directory, "/" + long_text);
+            on_strand([&] { outcome.session.reset(); });
+        } else {
+            EXPECT_TRUE(failed);
+            EXPECT_TRUE(is_out_of_memory(outcome.error));
+        }
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 2);
+}
+
+TEST_F(out_of_memory, in_the_end_of_a_command) {
+    log_in();
+    const int rounds = fail_each([this](int after) {
+        std::atomic<bool> failed{false};
+        the_script().command = [&](op_handle op, auto) {
+            failed = with_failure(after, [op] {
+                zorvan_gridftp_server_finished_command(op, ZORVAN_SUCCESS, long_text.c_str());
+            });
+        };
+        silent sink;
+        const auto outcome = result_of(start(session->command({}, sink)));
+        settle_threads();
+        if (outcome.error) {
+            EXPECT_TRUE(failed);
+            EXPECT_TRUE(is_out_of_memory(outcome.error));
+        } else {
+            EXPECT_EQ(outcome.text, long_text);
+        }
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 1);
+}
+
+TEST_F(out_of_memory, in_the_report_of_progress_loses_no_more_than_the_report) {
+    log_in();
+    struct sink final : progress_sink {
+        task<void> progress(std::string_view text) override {
+            EXPECT_EQ(text, long_text);
+            co_return;
+        }
+    } progress;
+    const int rounds = fail_each([&](int after) {
+        std::atomic<bool> failed{false};
+        the_script().command = [&](op_handle op, auto) {
+            failed = with_failure(after, [op] {
+                zorvan_gridftp_server_intermediate_command(op, ZORVAN_SUCCESS, long_text.c_str());
+            });
+            zorvan_gridftp_server_finished_command(op, ZORVAN_SUCCESS, nullptr);
+        };
+        EXPECT_FALSE(result_of(start(session->command({}, progress))).error);
+        settle_threads();
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 2);
+}
+
+// A listing that lost entries must not look whole.
+TEST_F(out_of_memory, in_a_listing_makes_it_a_failure) {
+    log_in();
+    std::vector<zorvan_gridftp_server_stat_t> batch(3);
+    for (auto& record : batch) {
+        record.name = long_text.c_str();
+        record.symlink_target = long_text.c_str();
+    }
+    const int rounds = fail_each([&](int after) {
+        std::atomic<bool> failed{false};
+        the_script().stat = [&](op_handle op, auto) {
+            failed = with_failure(after, [&] {
+                zorvan_gridftp_server_finished_stat_partial(op, ZORVAN_SUCCESS, batch.data(), 3);
+                zorvan_gridftp_server_finished_stat_partial(op, ZORVAN_SUCCESS, batch.data(), 3);
+                zorvan_gridftp_server_finished_stat(op, ZORVAN_SUCCESS, batch.data(), 3);
+            });
+        };
+        collecting_stat_sink sink;
+        const auto outcome = result_of(start(session->stat("/bucket", false, sink)));
+        settle_threads();
+        if (outcome.error) {
+            EXPECT_TRUE(failed);
+            EXPECT_TRUE(is_out_of_memory(outcome.error));
+        } else {
+            EXPECT_EQ(sink.records.size(), 9u);
+        }
+        for (const auto& record : sink.records) {
+            EXPECT_EQ(record.name, long_text);
+            EXPECT_EQ(record.symlink_target, long_text);
+        }
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 21);  // three arrays, two strings of each record
+}
+
+TEST_F(out_of_memory, an_error_of_the_back_end_is_still_an_error) {
+    log_in();
+    const int rounds = fail_each([this](int after) {
+        std::atomic<bool> failed{false};
+        the_script().send = [&](op_handle op, auto) {
+            const auto error = new_error(long_text.c_str());
+            failed = with_failure(after, [op, error] { zorvan_gridftp_server_finished_transfer(op, error); });
+        };
+        const auto outcome = result_of(start_send({"/bucket/file", {{}}}));
+        settle_threads();
+        EXPECT_TRUE(outcome.error);
+        if (outcome.error && !failed) {
+            EXPECT_EQ(outcome.error->friendly_lines, std::vector<std::string>{long_text});
+        }
+        EXPECT_EQ(zorvan_error_table_count(), 0u);
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 3);
+}
+
+TEST_F(out_of_memory, a_read_is_refused_or_called_back) {
+    log_in();
+    const auto data = pattern(3000);
+    int refused = 0;
+    const int rounds = fail_each([&](int after) {
+        test_connector own_connector(strand);
+        recorder reads;
+        std::atomic<bool> failed{false};
+        the_script().recv = [&](op_handle op, auto) {
+            failed = with_failure(after, [op] { zorvan_gridftp_server_begin_transfer(op, 0, nullptr); });
+            // Past the calls that had no memory the transfer goes on as if nothing had been.
+            std::size_t count = 0;
+            for (bool ended = false; !ended;) {
+                zorvan_result_t result = ZORVAN_SUCCESS;
+                bool now = false;
+                reads.around_call = [&](const std::function<void()>& call) {
+                    now = with_failure(failed ? most_allocations : after, call);
+                };
+                result = reads.read(op, 1000);
+                failed = failed || now;
+                if (result != ZORVAN_SUCCESS) {
+                    EXPECT_TRUE(now);
+                    EXPECT_NE(result, ZORVAN_FAILURE);
+                    EXPECT_NE(zorvan_error_peek(result), nullptr);
+                    ++refused;
+                    continue;
+                }
+                ended = reads.wait(++count).back().eof;
+            }
+            zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+        };
+        auto client = own_connector.open();
+        auto outcome = start(session->receive(sized(data.size()), own_connector, events));
+        client->write(data);
+        client->end();
+        EXPECT_FALSE(result_of(std::move(outcome)).error);
+        EXPECT_EQ(reads.data(), data);
+        settle_threads();
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 1);
+    EXPECT_GE(refused, 1);
+}
+
+TEST_F(out_of_memory, a_write_is_refused_or_called_back) {
+    log_in();
+    const auto data = pattern(5000);
+    int refused = 0;
+    const int rounds = fail_each([&](int after) {
+        test_connector own_connector(strand);
+        recorder writes;
+        std::atomic<bool> failed{false};
+        the_script().send = [&](op_handle op, auto) {
+            zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+            for (std::size_t at = 0; at < data.size();) {
+                const auto part = data.substr(at, 1000);
+                zorvan_result_t result = ZORVAN_SUCCESS;
+                bool now = false;
+                writes.around_call = [&](const std::function<void()>& call) {
+                    now = with_failure(failed ? most_allocations : after, call);
+                };
+                result = writes.write(op, part, static_cast<std::int64_t>(at));
+                failed = failed || now;
+                if (result == ZORVAN_SUCCESS) {
+                    at += part.size();
+                } else {
+                    EXPECT_TRUE(now);
+                    ++refused;
+                }
+            }
+            writes.wait(writes.accepted());
+            zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+        };
+        auto client = own_connector.open();
+        auto outcome = start(session->send({"/bucket/file", {{}}}, own_connector, events));
+        EXPECT_EQ(client->read_all(), data);
+        EXPECT_FALSE(result_of(std::move(outcome)).error);
+        settle_threads();
+        return failed.load();
+    });
+    EXPECT_GE(rounds, 1);
+    EXPECT_GE(refused, 1);
+}
+
+// When a request is accepted, its callback needs no more memory: not on the thread that finishes either.
+TEST_F(out_of_memory, a_finish_without_memory_calls_everything_back) {
+    log_in();
+    test_connector own_connector(strand);
+    recorder reads;
+    the_script().recv = [&](op_handle op, auto) {
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(reads.read(op, 1000), ZORVAN_SUCCESS);
+        }
+        const auto error = new_error("enough");
+        for (int after = 0; after < 10; ++after) {
+            // The first counts, each gives the memory up at another place.
+            with_failure(after, [&] { zorvan_gridftp_server_finished_transfer(op, error); });
+        }
+        for (const auto& call : reads.wait(20)) {
+            EXPECT_TRUE(call.failed);
+            EXPECT_TRUE(call.eof);
+        }
+    };
+    EXPECT_TRUE(result_of(start(session->receive(sized(3000), own_connector, events))).error);
+    settle_threads();
+}
+
+TEST_F(out_of_memory, queries_and_reports) {
+    log_in();
+    int string_rounds = 0;
+    the_script().recv = [&](op_handle op, auto) {
+        string_rounds = fail_each([&](int after) {
+            char* text = nullptr;
+            zorvan_result_t result = ZORVAN_SUCCESS;
+            const bool failed = with_failure(
+                after, [&] { result = zorvan_gridftp_server_get_config_string(nullptr, &text); });
+            if (result == ZORVAN_SUCCESS) {
+                EXPECT_STREQ(text, "the options");
+            } else {
+                EXPECT_EQ(result, ZORVAN_FAILURE);
+                EXPECT_EQ(text, nullptr);
+            }
+            std::free(text);
+            return failed;
+        });
+        (void)fail_each([&](int after) {
+            return with_failure(after, [&] {
+                zorvan_gridftp_server_update_range_recvd(op, after * 1000, 10);
+                zorvan_gridftp_server_update_bytes_recvd(op, 10, 0);
+                size_t block = 0;
+                int count = 0;
+                EXPECT_EQ(zorvan_gridftp_server_get_block_size(op, &block), ZORVAN_SUCCESS);
+                EXPECT_EQ(zorvan_gridftp_server_get_optimal_concurrency(op, &count), ZORVAN_SUCCESS);
+            });
+        });
+        zorvan_gridftp_server_finished_transfer(op, new_error());
+    };
+    EXPECT_TRUE(result_of(start_receive(sized(10))).error);
+    settle_threads();
+    EXPECT_LT(string_rounds, most_allocations);
+}
+
+// No thread to be had is no reason to lose an operation.
+TEST_F(out_of_memory, an_entry_waits_for_a_thread) {
+    log_in();
+    the_script().command = [](op_handle op, auto) {
+        zorvan_gridftp_server_finished_command(op, ZORVAN_SUCCESS, "done");
+    };
+    while (shared->counters().pool_threads != 0) {
+        std::this_thread::yield();
+    }
+    silent sink;
+    no_threads = true;
+    auto outcome = start(session->command({}, sink));
+    while (refused_threads < 3) {
+        std::this_thread::yield();
+    }
+    no_threads = false;
+    EXPECT_EQ(result_of(std::move(outcome)).text, "done");
+}
+
+}  // namespace
