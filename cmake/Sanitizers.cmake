@@ -10,3 +10,12 @@ if(ZORVAN_SANITIZE)
     add_compile_options(-Wno-tsan)
   endif()
 endif()
+
+# libFuzzer counts the edges of everything; only the fuzz targets link its main().
+if(ZORVAN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "ZORVAN_FUZZ needs clang: use the preset fuzz")
+  endif()
+  # libstdc++ 12 uses what it declares deprecated itself; clang tells of it in the code that instantiates it.
+  add_compile_options(-fsanitize=fuzzer-no-link -Wno-deprecated-declarations)
+endif()

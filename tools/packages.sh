@@ -10,8 +10,10 @@ packages_build=(
   libgtest-dev libgmock-dev
 )
 packages_demo=(python3 python3-boto3 whois curl)
-packages_test=(python3 python3-pytest python3-pytest-timeout python3-boto3 lftp curl whois binutils util-linux)
+packages_test=(python3 python3-pytest python3-pytest-timeout python3-pytest-xdist python3-boto3 lftp curl whois binutils util-linux)
 packages_rgw=(radosgw ceph-mon ceph-osd)
+# What bench/bench.py needs beside demo and rgw when it is to measure peers as well.
+packages_bench=(s3fs rclone vsftpd python3-pyftpdlib fuse3 git)
 packages_lint=(clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev)
 
 # ensure_packages GROUP...: installs what is missing of the groups; needs root or sudo only when something is missing.
