@@ -4,18 +4,22 @@ A run needs built binaries (--build-dir). Every test runs against both stores; -
 Gateway out. Tests that need no store belong to the dev store's run. After every test the server must have closed what the test opened.
 """
 
+import ftplib
 import itertools
 import shutil
 import signal
+import subprocess
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
+from urllib.parse import quote
 
 import botocore.exceptions
 import pytest
 
 from ftp_client import FtpClient
-from gateway import Gateway
+from gateway import Gateway, shared_server
+from keyless import KeylessRequests
 from stores import DevStore, RgwStore
 
 ROOT = Path(__file__).resolve().parent.parent.parent
@@ -79,14 +83,25 @@ def binaries(request):
     return request.config.binaries
 
 
+@pytest.fixture(scope="session", autouse=True)
+def module_log(tmp_path_factory):
+    """Has every server of the run log the requests that the module makes; no test may cause one on an empty key."""
+    log = KeylessRequests(tmp_path_factory.mktemp("module") / "requests.log")
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setenv("ZORVAN_S3_DEBUG", f"INFO,#{log.file}")
+        yield log
+    log.check_attempts()
+
+
 @pytest.fixture(scope="session")
-def store(request, binaries):
+def store(request, binaries, module_log):
     if request.param == "rgw" and request.config.getoption("--no-rgw"):
         pytest.skip("--no-rgw")
     folder = Path(tempfile.mkdtemp(prefix=f"zorvan-{request.param}-"))
     running = DevStore(binaries.devstore, folder) if request.param == "devstore" else RgwStore(folder)
     try:
         yield running
+        module_log.check_wire(running)
     finally:
         running.stop()
         shutil.rmtree(folder, ignore_errors=True)
@@ -94,26 +109,9 @@ def store(request, binaries):
 
 @pytest.fixture(scope="session")
 def server(store, binaries):
-    """The server that most tests share. What it must not do, over all of them, is checked at the end."""
-    folder = Path(tempfile.mkdtemp(prefix="zorvan-server-"))
-    gateway = Gateway(binaries, store, folder)
-    with FtpClient(gateway.host, gateway.port) as warm:
-        assert warm.login("alice", gateway.passwords["alice"]).code == 230
-        warm.listing("NLST", "/")
-    gateway.wait_idle()
-    files = gateway.open_files()
-    yield gateway
-    gateway.wait_idle()
-    with FtpClient(gateway.host, gateway.port) as last:
-        assert last.login("alice", gateway.passwords["alice"]).code == 230
-        last.quit()
-    gateway.wait_idle()
-    assert gateway.open_files() <= files, "files, pipes or event handles were left open"
-    gateway.stop()
-    text = gateway.log_text()
-    for secret in [*gateway.passwords.values(), *(pair[1] for pairs in store.users.values() for pair in pairs)]:
-        assert secret not in text, "a password or a secret key is in the server's log"
-    shutil.rmtree(folder, ignore_errors=True)
+    """The server that most tests share."""
+    with shared_server(binaries, store) as gateway:
+        yield gateway
 
 
 @pytest.fixture
@@ -218,11 +216,52 @@ def stored(s3):
     return read
 
 
+# -- programs that people use ---------------------------------------------------------------------------------------------
+@pytest.fixture
+def curl(server):
+    """Runs curl against a path; returns the finished process."""
+
+    def run(path, *options, user="alice", password=None, **settings):
+        password = password or server.passwords[user]
+        url = f"ftp://{server.host}:{server.port}/{quote(path.lstrip('/'), safe='/')}"
+        return subprocess.run(["curl", "-sS", "--max-time", "60", "-u", f"{user}:{password}", *map(str, options), url],
+                              capture_output=True, timeout=90, check=False, **settings)
+
+    return run
+
+
+@pytest.fixture
+def lftp(server, tmp_path):
+    """Runs lftp commands in tmp_path; returns what it printed, and fails when lftp does."""
+
+    def run(*commands, check=True, settings=()):
+        fixed = ["set ftp:ssl-allow no", "set net:max-retries 1", "set net:timeout 30", "set cmd:fail-exit yes", *settings,
+                 f"open -u alice,{server.passwords['alice']} ftp://{server.host}:{server.port}"]
+        script = tmp_path / ".lftp-script"
+        script.write_text("\n".join([*fixed, *commands]) + "\n")
+        done = subprocess.run(["lftp", "--norc", "-f", str(script)], cwd=tmp_path, capture_output=True, timeout=120,
+                              check=False, env={"HOME": str(tmp_path), "PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8"})
+        assert not check or done.returncode == 0, done.stderr.decode()
+        return done
+
+    return run
+
+
+@pytest.fixture
+def pyftp(server):
+    """A logged-in client of Python's own."""
+    with ftplib.FTP() as client:
+        client.connect(server.host, server.port, timeout=60)
+        client.login("alice", server.passwords["alice"])
+        yield client
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     """Shows what the server logged while a failing test ran."""
     outcome = yield
     report = outcome.get_result()
-    if report.failed and "server" in getattr(item, "funcargs", {}):
-        text = item.funcargs["server"].log_text()
+    server = getattr(item, "funcargs", {}).get("server")
+    if report.failed and server and server.log_file.exists():
+        text = server.log_text()
         report.sections.append(("server log", "\n".join(text.splitlines()[-40:])))

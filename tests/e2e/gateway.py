@@ -1,14 +1,18 @@
 """The server under test as a child process: its configuration, its life, and what it must not leave behind."""
 
+import contextlib
 import crypt
 import json
 import os
 import re
 import secrets
+import shutil
 import signal
 import subprocess
+import tempfile
 from pathlib import Path
 
+from ftp_client import FtpClient
 from waiting import wait_for
 
 CAROL_IS_NOT_IN_THE_STORE = "carol"
@@ -47,8 +51,12 @@ class Gateway:
     """
 
     def __init__(self, binaries, store, folder, spool_memory="1MiB", spool_limit="32MiB", spool_enabled=True,
-                 extra_options=None):
+                 extra_options=None, environment=None, **timeouts):
+        """`environment`: further variables of the server's; `timeouts`: keys of its [timeouts], in seconds."""
         self.store = store
+        # Few seconds: what is left open in the end is counted.
+        self.environment = {**os.environ, "ZORVAN_S3_IDLE_CONNECTION_SECONDS": "5", **(environment or {})}
+        self.timeouts = {"data_connect": 20, "data_stall": 30, "shutdown": 10, **timeouts}
         self.folder = folder
         self.spool = folder / "spool"
         self.spool.mkdir(parents=True)
@@ -83,7 +91,7 @@ class Gateway:
             "[spool]", f"enabled = {'true' if spool_enabled else 'false'}", f'directory = "{self.spool}"',
             f'memory = "{spool_memory}"', f'limit = "{spool_limit}"', "",
             "[log]", 'level = "debug"', "",
-            "[timeouts]", "data_connect = 20", "data_stall = 30", "shutdown = 10", "",
+            "[timeouts]", *(f"{key} = {value}" for key, value in self.timeouts.items()), "",
             "[[collection]]", 'name = "default"', "default = true", "",
         ]
         for name, policy in policies.items():
@@ -96,7 +104,7 @@ class Gateway:
         self.port_file.unlink(missing_ok=True)
         with open(self.log_file, "ab") as log:
             self.process = subprocess.Popen([str(binaries.server), "--config", str(self.config)],
-                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log, env=self.environment)
         wait_for(self._ready, "the server wrote its port file", 60)
         self.host, port = self.port_file.read_text().split()[:2]
         self.port = int(port)
@@ -117,6 +125,15 @@ class Gateway:
         text = self.log_text()
         assert status == 0, f"the server ended with {status}:\n{text[-6000:]}"
         assert "Sanitizer" not in text and "runtime error" not in text, text[-6000:]
+        assert "error objects were not released" not in text, text[-6000:]
+
+    def session(self, user="alice"):
+        """A control connection of this user's, in binary mode."""
+        client = FtpClient(self.host, self.port)
+        reply = client.login(user, self.passwords[user])
+        assert reply.code == 230, reply.lines
+        client.expect(200, "TYPE I")
+        return client
 
     def log_text(self):
         return self.log_file.read_text(errors="replace")
@@ -127,11 +144,7 @@ class Gateway:
         "local remote state" texts, and those that the peer has reset but the server has not closed ("reset INODE").
         Empty once every session and every data connection is gone."""
         inodes = set()
-        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
-            try:
-                target = os.readlink(f"/proc/{self.process.pid}/fd/{name}")
-            except FileNotFoundError:
-                continue
+        for target in self._open_targets():
             if target.startswith("socket:["):
                 inodes.add(target[8:-1])
         store_port = f":{self.store.address[1]:04X}"
@@ -153,14 +166,18 @@ class Gateway:
             inodes.discard(line.split()[6])  # to the service manager, for one
         return found + [f"reset {inode}" for inode in inodes]
 
+    def _without_client_sockets(self):
+        left = self.client_sockets()
+        if left and all(text.startswith("reset ") for text in left):
+            # Idle connections that the store has reset look the same; old ones go when a request takes one.
+            with self.session() as client:
+                client.listing("NLST", "/")
+        return not left
+
     def spool_files(self):
         """Names in the spool folder, and open files of it that have no name any more."""
         names = os.listdir(self.spool)
-        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
-            try:
-                target = os.readlink(f"/proc/{self.process.pid}/fd/{name}")
-            except FileNotFoundError:
-                continue
+        for target in self._open_targets():
             if target.startswith(str(self.spool)):
                 names.append(target)
         return names
@@ -168,18 +185,61 @@ class Gateway:
     def open_files(self):
         """How many regular files, pipes and event handles are open: everything but sockets and the spool."""
         count = 0
-        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
-            try:
-                target = os.readlink(f"/proc/{self.process.pid}/fd/{name}")
-            except FileNotFoundError:
-                continue
+        for target in self._open_targets():
             count += not target.startswith("socket:[") and not target.startswith(str(self.spool))
         return count
 
+    def store_sockets(self):
+        """How many connections to the store are open; idle ones are kept for the next request."""
+        store_port = f":{self.store.address[1]:04X}"
+        lines = Path(f"/proc/{self.process.pid}/net/tcp").read_text().splitlines()[1:]
+        inodes = {fields[9] for fields in map(str.split, lines) if fields[2].endswith(store_port)}
+        return sum(target[8:-1] in inodes for target in self._open_targets())
+
+    def _open_targets(self):
+        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
+            try:
+                yield os.readlink(f"/proc/{self.process.pid}/fd/{name}")
+            except FileNotFoundError:
+                continue
+
+    def _status(self, name):
+        text = Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(rf"{name}:\s+(\d+)", text).group(1))
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
     def memory_kib(self):
-        return int(re.search(r"VmRSS:\s+(\d+)", Path(f"/proc/{self.process.pid}/status").read_text()).group(1))
+        return self._status("VmRSS")
+
+    def threads(self):
+        return self._status("Threads")
 
     def wait_idle(self):
         """Returns when no session, data connection or spool file is left; fails when that does not come to pass."""
-        wait_for(lambda: not self.client_sockets(), f"no client socket is left ({self.client_sockets()})", 12)
+        wait_for(self._without_client_sockets, f"no client socket is left ({self.client_sockets()})", 20)
         wait_for(lambda: not self.spool_files(), f"no spool file is left ({self.spool_files()})", 12)
+
+
+@contextlib.contextmanager
+def shared_server(binaries, store, **options):
+    """A server for many tests; keyword arguments as Gateway takes them. What it must not do, over all of them, is
+    checked at the end."""
+    folder = Path(tempfile.mkdtemp(prefix="zorvan-server-"))
+    gateway = Gateway(binaries, store, folder, **options)
+    with gateway.session() as warm:
+        warm.listing("NLST", "/")
+    gateway.wait_idle()
+    files = gateway.open_files()
+    yield gateway
+    gateway.wait_idle()
+    with gateway.session() as last:
+        last.quit()
+    gateway.wait_idle()
+    assert gateway.open_files() <= files, "files, pipes or event handles were left open"
+    gateway.stop()
+    text = gateway.log_text()
+    for secret in [*gateway.passwords.values(), *(pair[1] for pairs in store.users.values() for pair in pairs)]:
+        assert secret not in text, "a password or a secret key is in the server's log"
+    shutil.rmtree(folder, ignore_errors=True)

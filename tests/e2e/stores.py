@@ -70,7 +70,8 @@ class DevStore(Store):
 
     name = "devstore"
 
-    def __init__(self, binary, folder):
+    def __init__(self, binary, folder, *options):
+        """`options`: further arguments of the program."""
         super().__init__()
         users_file, control_file = folder / "users.json", folder / "control-port"
         users = [{"uid": "admin", "display_name": "Administrator", "keys": [random_key()], "admin": True},
@@ -83,7 +84,7 @@ class DevStore(Store):
         with open(self.log, "wb") as log:
             self.process = subprocess.Popen(
                 [str(binary), "--listen", "127.0.0.1:0", "--users-file", str(users_file), "--control", "127.0.0.1:0",
-                 "--control-port-file", str(control_file)], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+                 "--control-port-file", str(control_file), *options], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         self.endpoint = wait_for(self._announced, "the dev store says where it listens", 30)
         control = wait_for(lambda: control_file.exists() and control_file.read_text(), "control port", 30)
         self.control = "http://127.0.0.1:" + re.findall(r"\d+", control)[-1]
@@ -107,12 +108,28 @@ class DevStore(Store):
         """The requests seen since the last forget_requests(), as dictionaries."""
         return json.loads(self._control("GET", "/log"))["requests"]
 
+    def requests_on_buckets(self):
+        """All requests ever on buckets themselves, HEAD excepted, counted by what they are."""
+        return json.loads(self._control("GET", "/log/buckets"))["requests"]
+
+    def set_clock(self, seconds):
+        """Shift the clock of modification times and restores, seconds from the true time."""
+        self._control("POST", "/clock", {"offset": seconds})
+
+    def set_archive_status(self, bucket, key, status):
+        """Move an object of class INTELLIGENT_TIERING into an archive tier, or out of it ("")."""
+        self._control("POST", "/archive", {"bucket": bucket, "key": key, "status": status})
+
     def forget_requests(self):
         self._control("DELETE", "/log")
 
     def add_fault(self, match, action):
         """Make requests that match fail as the action says, until clear_faults()."""
         self._control("POST", "/faults", {"match": match, "action": action})
+
+    def skew(self, seconds):
+        """Set the clock that requests' dates are judged by so far ahead."""
+        self._control("POST", "/clock", {"request_offset": seconds})
 
     def clear_faults(self):
         self._control("DELETE", "/faults")
@@ -144,3 +161,8 @@ class RgwStore(Store):
 def random_bytes(size):
     """Data that no two uploads share and that compress nowhere."""
     return os.urandom(size)
+
+
+def keys(s3, bucket):
+    """All keys in a bucket, sorted; for buckets of less than a page."""
+    return [entry["Key"] for entry in s3.list_objects_v2(Bucket=bucket).get("Contents", [])]

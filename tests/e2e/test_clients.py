@@ -2,8 +2,6 @@
 
 import ftplib
 import io
-import subprocess
-from urllib.parse import quote
 
 import pytest
 
@@ -11,19 +9,6 @@ from stores import random_bytes
 
 
 # -- curl ---------------------------------------------------------------------------------------------------------------
-@pytest.fixture
-def curl(server):
-    """Runs curl against a path; returns the finished process."""
-
-    def run(path, *options, user="alice", password=None, **settings):
-        password = password or server.passwords[user]
-        url = f"ftp://{server.host}:{server.port}/{quote(path.lstrip('/'), safe='/')}"
-        return subprocess.run(["curl", "-sS", "--max-time", "60", "-u", f"{user}:{password}", *map(str, options), url],
-                              capture_output=True, timeout=90, check=False, **settings)
-
-    return run
-
-
 def test_curl_uploads_and_downloads(curl, bucket, stored, tmp_path):
     content = random_bytes(5 << 20)
     source, copy = tmp_path / "source", tmp_path / "copy"
@@ -120,23 +105,6 @@ def test_curl_fetches_many_over_one_connection(curl, bucket, s3):
 
 
 # -- lftp ---------------------------------------------------------------------------------------------------------------
-@pytest.fixture
-def lftp(server, tmp_path):
-    """Runs lftp commands in tmp_path; returns what it printed, and fails when lftp does."""
-
-    def run(*commands, check=True, settings=()):
-        fixed = ["set ftp:ssl-allow no", "set net:max-retries 1", "set net:timeout 30", "set cmd:fail-exit yes", *settings,
-                 f"open -u alice,{server.passwords['alice']} ftp://{server.host}:{server.port}"]
-        script = tmp_path / ".lftp-script"
-        script.write_text("\n".join([*fixed, *commands]) + "\n")
-        done = subprocess.run(["lftp", "--norc", "-f", str(script)], cwd=tmp_path, capture_output=True, timeout=120,
-                              check=False, env={"HOME": str(tmp_path), "PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8"})
-        assert not check or done.returncode == 0, done.stderr.decode()
-        return done
-
-    return run
-
-
 @pytest.mark.parametrize("allo", ["yes", "no"])
 def test_lftp_puts_and_gets(lftp, bucket, stored, tmp_path, allo):
     content = random_bytes(5 << 20)
@@ -208,14 +176,6 @@ def test_lftp_lists(lftp, bucket, s3):
 
 
 # -- ftplib -------------------------------------------------------------------------------------------------------------
-@pytest.fixture
-def pyftp(server):
-    with ftplib.FTP() as client:
-        client.connect(server.host, server.port, timeout=60)
-        client.login("alice", server.passwords["alice"])
-        yield client
-
-
 @pytest.mark.parametrize("passive", [True, False])
 def test_ftplib_round_trip(pyftp, bucket, stored, passive):
     pyftp.set_pasv(passive)
