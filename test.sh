@@ -11,11 +11,12 @@ usage: ./test.sh [--quick] [--suite NAME]... [--jobs N] [--no-rgw] [--no-install
 
 Installs what is missing (Debian 12, root or sudo), builds the presets release, asan and tsan, and runs the unit tests of all
 three, the source checks, and the end-to-end tests: all of them with the release build against the development store and a
-real Ceph RADOS Gateway, the faster ones with the asan build as well. The last line says "N passed, N failed, N skipped";
+real Ceph RADOS Gateway, the faster ones with the asan build as well. At last the parsers are fuzzed for a while (preset
+fuzz); an input that breaks one is kept. The last line says "N passed, N failed, N skipped";
 the exit status is 0 only when something ran and nothing failed. Logs and JUnit files are in build/results.
 
   --quick       the release build alone
-  --suite NAME  only this suite: common, s3, module, server, devstore, layers, lint or e2e (may be given more than once)
+  --suite NAME  only this suite: common, s3, module, server, devstore, layers, fuzz, lint or e2e (may be given more than once)
   --jobs N      so many compilers and unit tests at once (default: one per processor)
   --no-rgw      leave the RADOS Gateway out; its tests count as skipped
   --no-install  install nothing
@@ -105,8 +106,9 @@ unit_tests() {
   [ "$preset" != tsan ] || prefix=("${fixed_addresses[@]}")
   for suite in "${unit_suites[@]}"; do
     wanted "$suite" || continue
-    # What the sanitizers add nothing to: commands over the sources.
+    # What the sanitizers add nothing to: commands over the sources, and parsers on one thread.
     [ "$suite" = layers ] && [ "$preset" != release ] && continue
+    [ "$suite" = fuzz ] && [ "$preset" = tsan ] && continue
     [ -e "tests/$suite/CMakeLists.txt" ] && [ -e "build/$preset/tests/$suite/CTestTestfile.cmake" ] || continue
     # The dev store's tests are one program to ctest; asked directly they are counted one by one.
     if [ "$suite" = devstore ]; then
@@ -130,10 +132,24 @@ end_to_end() {
   timeout 1500 /usr/bin/python3 -m pytest tests/e2e -p no:cacheprovider --junitxml "$results/$name.xml" "$@"
 }
 
+# What is fuzzed. Known to fail, and left out until mended: arguments (an EPRT address with a garbled IPv6 scope does not read
+# back as it was written) and server_config (toml++ itself reaches undefined behaviour at some letters beyond ASCII). Their
+# seeds run as ordinary tests.
+fuzzed=()
+for folder in tests/fuzz/corpus/*/; do
+  case $(basename "$folder") in
+    arguments | server_config) ;;
+    *) fuzzed+=("$(basename "$folder")") ;;
+  esac
+done
+
+# With the dev store the tests mostly wait, so two halves of their files run at once, each with a store and a server of its own.
+halves=(-n 2 --dist loadfile)
+
 # both_stores: the two stores' runs side by side; the output of the one that failed is what is shown.
 both_stores() {
   local pid status=0
-  end_to_end e2e-devstore --store=devstore >"$results/e2e-devstore.log" 2>&1 &
+  end_to_end e2e-devstore --store=devstore "${halves[@]}" >"$results/e2e-devstore.log" 2>&1 &
   pid=$!
   end_to_end e2e-rgw --store=rgw ${no_rgw:+--no-rgw} >"$results/e2e-rgw.log" 2>&1 || status=$?
   wait "$pid" || status=$?
@@ -173,12 +189,16 @@ if [ -z "$quick" ] && [ "${suites[*]}" != lint ] && [ "${suites[*]}" != layers ]
   if build_preset asan; then
     unit_tests asan
     if wanted e2e; then
-      step "$results/e2e-asan.log" "end-to-end tests, asan" end_to_end e2e-asan --store=devstore --build-dir=build/asan -m "not slow"
+      step "$results/e2e-asan.log" "end-to-end tests, asan" end_to_end e2e-asan --store=devstore "${halves[@]}" --build-dir=build/asan -m "not slow"
       files+=("$results/e2e-asan.xml")
     fi
   fi
   if [ "${suites[*]}" != e2e ]; then
     build_preset tsan && unit_tests tsan
+  fi
+  if wanted fuzz; then
+    check "$results/build-fuzz.log" "build fuzz" build fuzz zorvan_fuzz &&
+      check "$results/fuzz.log" "fuzzing" timeout 900 tools/fuzz.sh --jobs "$jobs" --keep "$results" "${fuzzed[@]}"
   fi
 fi
 summary

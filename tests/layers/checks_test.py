@@ -83,6 +83,10 @@ class Texts(Tree):
         self.write("notes.md", "a\nb")
         self.assert_fault("notes.md:2", "no newline at the end of the file")
 
+    def test_inputs_for_parsers(self):
+        self.write("tests/fuzz/corpus/line/tab", "a\t \r")
+        self.assert_clean()
+
     def test_longest_source(self):
         self.write("server/src/a.cpp", "// a\n" * 900)
         self.assert_clean()
