@@ -1,6 +1,7 @@
-# -DZORVAN_SANITIZE=address,undefined or =thread applies to every target.
+# -DZORVAN_SANITIZE=address,undefined or =thread applies to every target. A report needs line numbers, not variables: -g1 makes the
+# builds a quarter faster.
 if(ZORVAN_SANITIZE)
-  add_compile_options(-fsanitize=${ZORVAN_SANITIZE} -fno-omit-frame-pointer -g)
+  add_compile_options(-fsanitize=${ZORVAN_SANITIZE} -fno-omit-frame-pointer -g1)
   add_link_options(-fsanitize=${ZORVAN_SANITIZE})
   if(ZORVAN_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=undefined)
