@@ -216,6 +216,44 @@ def stored(s3):
     return read
 
 
+@pytest.fixture
+def uploads(s3):
+    """The multipart uploads in progress of a bucket, {key: [upload id]}."""
+
+    def read(bucket):
+        found = {}
+        for entry in s3.list_multipart_uploads(Bucket=bucket).get("Uploads", []):
+            found.setdefault(entry["Key"], []).append(entry["UploadId"])
+        return found
+
+    return read
+
+
+@pytest.fixture
+def part_records(s3, uploads):
+    """The parts that a key's only upload in progress has, {number: record}; none when there is no such upload."""
+
+    def read(bucket, key):
+        ids = uploads(bucket).get(key, [])
+        assert len(ids) <= 1, ids
+        if not ids:
+            return {}
+        parts = s3.list_parts(Bucket=bucket, Key=key, UploadId=ids[0]).get("Parts", [])
+        return {part["PartNumber"]: part for part in parts}
+
+    return read
+
+
+@pytest.fixture
+def stored_parts(part_records):
+    """The numbers of these parts."""
+
+    def read(bucket, key):
+        return list(part_records(bucket, key))
+
+    return read
+
+
 # -- programs that people use ---------------------------------------------------------------------------------------------
 @pytest.fixture
 def curl(server):

@@ -81,13 +81,28 @@ class DevStore(Store):
         users_file.chmod(0o600)
         self._read_users(users_file)
         self.log = folder / "devstore.log"
+        self._control_file = control_file
+        self._command = [str(binary), "--users-file", str(users_file), "--control-port-file", str(control_file), *options]
+        self._start("127.0.0.1:0", "127.0.0.1:0")
+
+    def _start(self, listen, control):
         with open(self.log, "wb") as log:
-            self.process = subprocess.Popen(
-                [str(binary), "--listen", "127.0.0.1:0", "--users-file", str(users_file), "--control", "127.0.0.1:0",
-                 "--control-port-file", str(control_file), *options], stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+            self.process = subprocess.Popen([*self._command, "--listen", listen, "--control", control],
+                                            stdin=subprocess.DEVNULL, stdout=log, stderr=log)
         self.endpoint = wait_for(self._announced, "the dev store says where it listens", 30)
-        control = wait_for(lambda: control_file.exists() and control_file.read_text(), "control port", 30)
-        self.control = "http://127.0.0.1:" + re.findall(r"\d+", control)[-1]
+        file = self._control_file
+        port = wait_for(lambda: file.exists() and file.read_text(), "control port", 30)
+        self.control = "http://127.0.0.1:" + re.findall(r"\d+", port)[-1]
+
+    def kill(self):
+        """SIGKILL. What survives is what --data-dir names."""
+        self.process.kill()
+        self.process.wait()
+        self._control_file.unlink()
+
+    def start_again(self):
+        """After kill(): with the same data, at the same address."""
+        self._start(self.host, self.control.partition("://")[2])
 
     def _announced(self):
         assert self.process.poll() is None, f"zorvan-devstore ended: {self.log.read_text()}"
@@ -153,9 +168,20 @@ class RgwStore(Store):
         self._read_users(folder / "users.json")
         self.endpoint = json.loads((folder / "users.json").read_text())["endpoint"]
 
-    def stop(self):
-        subprocess.run([sys.executable, str(RGW_SCRIPT), "stop", str(self.folder), "--wipe"], check=True,
+    def _run(self, *command):
+        subprocess.run([sys.executable, str(RGW_SCRIPT), command[0], str(self.folder), *command[1:]], check=True,
                        stdin=subprocess.DEVNULL, timeout=120)
+
+    def kill(self):
+        """SIGKILL to the gateway; the cluster below it, with the data, goes on."""
+        self._run("kill-gateway")
+
+    def start_again(self):
+        """After kill(): at the same address."""
+        self._run("start-gateway")
+
+    def stop(self):
+        self._run("stop", "--wipe")
 
 
 def random_bytes(size):

@@ -4,6 +4,8 @@
     rgw.py start DIR [--objectstore memstore|bluestore] [--capacity GIB]
     rgw.py status DIR
     rgw.py stop DIR [--wipe]
+    rgw.py kill-gateway DIR
+    rgw.py start-gateway DIR
 
 Everything (data, sockets, logs, pid files) lives below DIR, so that several gateways can run side by side; ports and keys
 are chosen at random. `start` creates the cluster when DIR is empty, continues it otherwise, and returns when S3 requests
@@ -256,6 +258,13 @@ rgw dynamic resharding = false
         scratch.write_text(json.dumps({"endpoint": self.endpoint, "region": "default", "users": users}, indent=1) + "\n")
         scratch.rename(self.users_file)
 
+    def start_gateway(self):
+        """Starts radosgw on the running cluster and returns when it answers."""
+        if self.pid_of("rgw"):
+            raise GatewayError(f"already running below {self.root}: rgw")
+        self.launch("rgw", "radosgw", "-n", "client.rgw")
+        wait_for(self.answers, "radosgw does not answer")
+
     def start(self, objectstore, capacity_gib, say):
         missing = [tool for tool in ("ceph-mon", "ceph-osd", "radosgw", "radosgw-admin", "ceph", "monmaptool")
                    if shutil.which(tool) is None]
@@ -276,8 +285,7 @@ rgw dynamic resharding = false
             self.create_osd()
         say("monitor answers")
         self.launch("osd", "ceph-osd", "-i", "0")
-        self.launch("rgw", "radosgw", "-n", "client.rgw")
-        wait_for(self.answers, "radosgw does not answer")
+        self.start_gateway()
         say("gateway answers")
         if fresh:
             self.create_users()
@@ -303,6 +311,14 @@ rgw dynamic resharding = false
             for path in (self.conf, self.users_file, self.root / "monmap"):
                 path.unlink(missing_ok=True)
 
+    def kill_gateway(self):
+        """Ends radosgw at once, in the middle of whatever it does. The cluster goes on."""
+        pid = self.pid_of("rgw")
+        if pid is None:
+            raise GatewayError("radosgw is not running")
+        os.kill(pid, signal.SIGKILL)
+        wait_for(lambda: self.ended("rgw"), "radosgw ignores SIGKILL", 20.0)
+
     def ended(self, daemon):
         pid = self.pid_of(daemon)
         if pid is None:
@@ -325,6 +341,8 @@ def main():
     stop = commands.add_parser("stop", help="end the daemons")
     stop.add_argument("dir")
     stop.add_argument("--wipe", action="store_true", help="remove all data as well")
+    commands.add_parser("kill-gateway", help="end radosgw by SIGKILL; the cluster goes on").add_argument("dir")
+    commands.add_parser("start-gateway", help="start radosgw again; returns when it answers").add_argument("dir")
     options = parser.parse_args()
 
     cluster = Cluster(options.dir)
@@ -345,6 +363,10 @@ def main():
                 raise
         elif options.command == "stop":
             cluster.stop(options.wipe)
+        elif options.command == "kill-gateway":
+            cluster.kill_gateway()
+        elif options.command == "start-gateway":
+            cluster.start_gateway()
         else:
             running = {daemon: cluster.pid_of(daemon) for daemon in DAEMONS}
             print(" ".join(f"{daemon}={pid or 'stopped'}" for daemon, pid in running.items()))

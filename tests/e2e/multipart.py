@@ -1,0 +1,32 @@
+"""What tests of uploads in parts share: an upload that stops half-way, and its restart."""
+
+from waiting import wait_for
+
+PART = 5 << 20  # the smallest that the module takes
+BROKEN = (425, 426, 451)
+
+
+def begin(ftp, bucket, content, announced, offset=0, key="file"):
+    """Sends the beginning of an announced upload and leaves the data connection open. `announced`: the bytes to come."""
+    ftp.expect(200, f"ALLO {announced}")
+    if offset:
+        ftp.expect(350, f"REST {offset}")
+    data = ftp.open_data()
+    ftp.expect(150, f"STOR /{bucket}/{key}")
+    data.sendall(content)
+    return data
+
+
+def interrupt(ftp, bucket, content, stored_parts, parts):
+    """An upload whose client resets its connection after so many parts were stored."""
+    data = begin(ftp, bucket, content[:parts * PART + 1000], len(content))
+    wait_for(lambda: len(stored_parts(bucket, "file")) == parts, f"{parts} parts are stored", 60)
+    ftp.reset(data)
+    assert ftp.read_reply().code in BROKEN
+
+
+def restart(ftp, bucket, content, offset, announce=True, command="STOR"):
+    """Sends what is missing from `offset` on. The last reply."""
+    ftp.expect(350, f"REST {offset}")
+    return ftp.store(f"/{bucket}/file", memoryview(content)[offset:],
+                     allocate=len(content) - offset if announce else None, command=command)
