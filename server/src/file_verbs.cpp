@@ -69,7 +69,8 @@ task<void> store(session& client, std::string_view typed, std::int64_t offset, s
     std::optional<resolved_path> target = co_await client.resolve_file(typed, 553);
     if (!target) co_return;
     request.path = std::move(target->path);
-    request.append = append;
+    // A client that has named the place with REST needs no look at what is there.
+    request.append = append && offset == 0;
     request.write_offset = offset;
     // An adjusted store takes the blocks' offsets from where it begins.
     if (kind == store_kind::adjusted) request.offset_shift = static_cast<std::uint64_t>(offset);
@@ -152,14 +153,19 @@ task<void> handle_esto(session& client, std::string_view argument) {
 }
 
 task<void> handle_appe(session& client, std::string_view argument) {
-    client.parameters().restart = {};
+    const std::optional<std::int64_t> offset = restart_offset(std::exchange(client.parameters().restart, {}));
     if (client.parameters().extended_mode) {
         // The blocks' offsets would have to be those of a place that the client does not know.
         (void)take_upload_parameters(client, false);
         co_await client.answer(504, texts::append_in_stream);
         co_return;
     }
-    co_await store(client, argument, 0, store_kind::append);
+    if (!offset) {
+        (void)take_upload_parameters(client, false);
+        co_await client.answer(553, texts::bad_restart);
+        co_return;
+    }
+    co_await store(client, argument, *offset, store_kind::append);
 }
 
 task<void> handle_stou(session& client, std::string_view) {

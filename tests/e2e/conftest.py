@@ -5,6 +5,7 @@ Gateway out. Tests that need no store belong to the dev store's run. After every
 """
 
 import ftplib
+import functools
 import itertools
 import shutil
 import signal
@@ -20,6 +21,7 @@ import pytest
 from ftp_client import FtpClient
 from gateway import Gateway, shared_server
 from keyless import KeylessRequests
+from multipart import parts_of, uploads_in
 from stores import DevStore, RgwStore
 
 ROOT = Path(__file__).resolve().parent.parent.parent
@@ -219,39 +221,13 @@ def stored(s3):
 @pytest.fixture
 def uploads(s3):
     """The multipart uploads in progress of a bucket, {key: [upload id]}."""
-
-    def read(bucket):
-        found = {}
-        for entry in s3.list_multipart_uploads(Bucket=bucket).get("Uploads", []):
-            found.setdefault(entry["Key"], []).append(entry["UploadId"])
-        return found
-
-    return read
+    return functools.partial(uploads_in, s3)
 
 
 @pytest.fixture
-def part_records(s3, uploads):
-    """The parts that a key's only upload in progress has, {number: record}; none when there is no such upload."""
-
-    def read(bucket, key):
-        ids = uploads(bucket).get(key, [])
-        assert len(ids) <= 1, ids
-        if not ids:
-            return {}
-        parts = s3.list_parts(Bucket=bucket, Key=key, UploadId=ids[0]).get("Parts", [])
-        return {part["PartNumber"]: part for part in parts}
-
-    return read
-
-
-@pytest.fixture
-def stored_parts(part_records):
-    """The numbers of these parts."""
-
-    def read(bucket, key):
-        return list(part_records(bucket, key))
-
-    return read
+def stored_parts(s3):
+    """The numbers of the parts that a key's only upload in progress has; none when there is no such upload."""
+    return lambda bucket, key: list(parts_of(s3, bucket, key))
 
 
 # -- programs that people use ---------------------------------------------------------------------------------------------

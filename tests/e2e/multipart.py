@@ -6,6 +6,24 @@ PART = 5 << 20  # the smallest that the module takes
 BROKEN = (425, 426, 451)
 
 
+def uploads_in(s3, bucket):
+    """The multipart uploads in progress, {key: [upload id]}."""
+    found = {}
+    for entry in s3.list_multipart_uploads(Bucket=bucket).get("Uploads", []):
+        found.setdefault(entry["Key"], []).append(entry["UploadId"])
+    return found
+
+
+def parts_of(s3, bucket, key="file"):
+    """The parts that a key's only upload in progress has, {number: record}; none when there is no such upload."""
+    ids = uploads_in(s3, bucket).get(key, [])
+    assert len(ids) <= 1, ids
+    if not ids:
+        return {}
+    parts = s3.list_parts(Bucket=bucket, Key=key, UploadId=ids[0]).get("Parts", [])
+    return {part["PartNumber"]: part for part in parts}
+
+
 def begin(ftp, bucket, content, announced, offset=0, key="file"):
     """Sends the beginning of an announced upload and leaves the data connection open. `announced`: the bytes to come."""
     ftp.expect(200, f"ALLO {announced}")

@@ -316,8 +316,12 @@ rgw dynamic resharding = false
         pid = self.pid_of("rgw")
         if pid is None:
             raise GatewayError("radosgw is not running")
+        watchers = self.run("rados", "-p", "default.rgw.control", "listwatchers", "notify.0").splitlines()
         os.kill(pid, signal.SIGKILL)
         wait_for(lambda: self.ended("rgw"), "radosgw ignores SIGKILL", 20.0)
+        # The dead one still counts as a listener to changes of buckets for half a minute, and each change waits for it.
+        for watcher in watchers:
+            self.run("ceph", "osd", "blocklist", "add", watcher.split()[0].partition("=")[2])
 
     def ended(self, daemon):
         pid = self.pid_of(daemon)

@@ -185,11 +185,20 @@ TEST(LiveTransfer, AppendsAndRestartsUploads) {
     EXPECT_EQ(client.command("REST 4").code, 350);
     EXPECT_EQ(client.store("STOR /bucket/x", "XY").code, 226);
     EXPECT_EQ(content("/bucket/x"), "abcdXY");
+    EXPECT_EQ(client.command("REST 5").code, 350);
+    EXPECT_EQ(client.store("APPE /bucket/x", "Z").code, 226);
+    EXPECT_EQ(content("/bucket/x"), "abcdXZ") << "the place that REST names, not the end";
     EXPECT_EQ(client.store("ESTO A 2 /bucket/x", "1234").code, 226);
     EXPECT_EQ(content("/bucket/x"), "ab1234");
     client.command("REST 0");
     EXPECT_EQ(client.store("STOR /bucket/x", "new").code, 226);
     EXPECT_EQ(content("/bucket/x"), "new");
+    client.command("MODE E");
+    EXPECT_EQ(client.command("REST 0-1,2-3").code, 350);
+    client.command("MODE S");
+    EXPECT_EQ(client.command("APPE /bucket/x").code, 553) << "ranges that are not one first part";
+    EXPECT_EQ(client.store("APPE /bucket/x", "er").code, 226) << "and forgotten with that";
+    EXPECT_EQ(content("/bucket/x"), "newer");
 }
 
 TEST(LiveTransfer, FileNamesThatCannotBeFiles) {
