@@ -527,11 +527,13 @@ typedef struct RGUserInfoHandler {
 
 /**
  * Makes the library ready; may be called any number of times, from any thread, also while requests run (it
- * never waits for them). Every call replaces the default host, and S3_INIT_VERIFY_PEER in flags decides for
- * that host name (port left aside) whether certificates are checked; other hosts keep what was said for them,
- * hosts never named are checked. The first call sets SIGPIPE to be ignored if it stands at its default.
- * userAgentInfo: User-Agent of all later requests, null for a built-in one. defaultS3HostName: null for
- * S3_DEFAULT_HOSTNAME. Returns S3StatusOK, S3StatusUriTooLong (host over S3_MAX_HOSTNAME_SIZE),
+ * never waits for them). Every call replaces the user agent and the default host. S3_INIT_VERIFY_PEER in
+ * flags has the certificates of that host name (port left aside) checked; a call without it leaves them
+ * unchecked only as long as no other call asked for the checks, which then stay on until S3_deinitialize.
+ * Other hosts keep what was said for them, hosts never named are checked. The call that makes the library
+ * ready sets SIGPIPE to be ignored if it stands at its default. userAgentInfo: User-Agent of all later
+ * requests, null or empty for a built-in one. defaultS3HostName: null or empty for S3_DEFAULT_HOSTNAME.
+ * Returns S3StatusOK, S3StatusUriTooLong (host over S3_MAX_HOSTNAME_SIZE; nothing was changed),
  * S3StatusOutOfMemory or S3StatusInternalError.
  */
 S3Status S3_initialize(const char* userAgentInfo, int flags, const char* defaultS3HostName);

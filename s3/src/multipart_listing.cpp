@@ -48,7 +48,16 @@ bool read_parts(const pugi::xml_node& root, std::vector<ListedPart>& parts) {
     return true;
 }
 
-void list_parts(RequestPlan& plan, const S3ListPartsHandler& handler, void* callback_data, CallResult& call) {
+// Parts are listed by number: a marker that is not above the one asked with leads back to a page already
+// told.
+bool goes_back(const std::string& marker, std::string_view asked) {
+    const auto next = parse_u64(marker);
+    const auto last = parse_u64(trim(asked));
+    return next && last ? *next <= *last : marker == asked;
+}
+
+void list_parts(RequestPlan& plan, std::string_view asked, const S3ListPartsHandler& handler,
+                void* callback_data, CallResult& call) {
     ExchangeResult result = perform(plan);
     if (result.status != S3StatusOK) return set_result(call, std::move(result));
     const XmlReply document(result.body);
@@ -65,6 +74,9 @@ void list_parts(RequestPlan& plan, const S3ListPartsHandler& handler, void* call
         if (marker.empty() && !listed.empty()) marker = std::to_string(listed.back().number);
         if (marker.empty())
             return fail(call, S3StatusInternalError, "the list of parts goes on but has no marker");
+        // A store that does not move on would keep its caller for ever.
+        if (goes_back(marker, asked))
+            return fail(call, S3StatusInternalError, "the list of parts repeats its page");
     }
     std::vector<S3ListPart> parts;
     parts.reserve(listed.size());
@@ -162,8 +174,12 @@ ExchangeResult ask_for_uploads(RequestPlan& plan, bool encoding_chosen) {
     return says_so ? std::move(encoded) : std::move(plain);
 }
 
-void list_uploads(RequestPlan& plan, bool encoding_chosen, const S3ListMultipartUploadsHandler& handler,
-                  void* callback_data, CallResult& call) {
+struct UploadMarkers {
+    std::string_view key, id;
+};
+
+void list_uploads(RequestPlan& plan, bool encoding_chosen, const UploadMarkers& asked,
+                  const S3ListMultipartUploadsHandler& handler, void* callback_data, CallResult& call) {
     ExchangeResult result = ask_for_uploads(plan, encoding_chosen);
     if (result.status != S3StatusOK) return set_result(call, std::move(result));
     const XmlReply document(result.body);
@@ -173,6 +189,8 @@ void list_uploads(RequestPlan& plan, bool encoding_chosen, const S3ListMultipart
     const UploadPage page = read_uploads(document, decode);
     if (page.truncated && page.key_marker.empty())
         return fail(call, S3StatusInternalError, "the list of uploads goes on but has no marker");
+    if (page.truncated && page.key_marker == asked.key && page.id_marker == asked.id)
+        return fail(call, S3StatusInternalError, "the list of uploads repeats its page");
     call.status = deliver_properties(handler.responseHandler, callback_data, result.headers);
     if (call.status == S3StatusOK) call.status = tell_uploads(page, handler, callback_data);
 }
@@ -191,7 +209,8 @@ extern "C" void S3_list_parts(const S3BucketContext* bucketContext, const char* 
         if (maxparts > 0) plan.query.emplace_back("max-parts", std::to_string(maxparts));
         s3::add_query(plan, "part-number-marker", partnumbermarker);
         s3::add_query(plan, "uploadId", uploadid);
-        s3::list_parts(plan, *handler, callbackData, call);
+        const char* const asked = partnumbermarker != nullptr ? partnumbermarker : "";
+        s3::list_parts(plan, asked, *handler, callbackData, call);
     });
 }
 
@@ -214,6 +233,8 @@ extern "C" void S3_list_multipart_uploads(const S3BucketContext* bucketContext, 
         s3::add_query(plan, "prefix", prefix);
         s3::add_query(plan, "upload-id-marker", uploadidmarker);
         plan.query.emplace_back("uploads", "");
-        s3::list_uploads(plan, chosen, *handler, callbackData, call);
+        const s3::UploadMarkers asked{.key = keymarker != nullptr ? keymarker : "",
+                                      .id = uploadidmarker != nullptr ? uploadidmarker : ""};
+        s3::list_uploads(plan, chosen, asked, *handler, callbackData, call);
     });
 }

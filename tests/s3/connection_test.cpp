@@ -200,6 +200,17 @@ TEST_F(Connections, VerificationIsKeptPerHost) {
     EXPECT_TRUE(s3::library_state("strict.example:443").verify_peer);
     ASSERT_EQ(S3_initialize(nullptr, S3_INIT_ALL | S3_INIT_VERIFY_PEER, "loose.example"), S3StatusOK);
     EXPECT_TRUE(s3::library_state("loose.example").verify_peer);
+    // A refused call changes nothing, and an empty text is none.
+    EXPECT_EQ(S3_initialize("other", S3_INIT_ALL, std::string(256, 'h').c_str()), S3StatusUriTooLong);
+    EXPECT_EQ(s3::default_host(), "loose.example");
+    ASSERT_EQ(S3_initialize("", S3_INIT_ALL, ""), S3StatusOK);
+    EXPECT_EQ(s3::default_host(), S3_DEFAULT_HOSTNAME);
+    EXPECT_EQ(s3::library_state("any").user_agent, "zorvan-s3/1");
+    // What was said is forgotten with the library's end.
+    S3_deinitialize();
+    ASSERT_EQ(S3_initialize(nullptr, S3_INIT_ALL, "strict.example"), S3StatusOK);
+    EXPECT_FALSE(s3::library_state("strict.example").verify_peer);
+    EXPECT_TRUE(s3::library_state("loose.example").verify_peer);
 }
 
 TEST_F(Connections, ManyThreadsManyRequests) {

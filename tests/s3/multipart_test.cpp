@@ -1,4 +1,7 @@
 // Multipart uploads against scripted replies; above all, completing one whose outcome is in doubt.
+#include <chrono>
+#include <thread>
+
 #include "script_fixture.h"
 #include "text.h"
 
@@ -280,6 +283,36 @@ TEST_F(Multipart, AShortCommitDocumentIsNeverSent) {
     EXPECT_EQ(server_.connections(), 0);
 }
 
+// Completing an upload of many parts takes a store longer than any other silence that is put up with.
+TEST_F(Multipart, CommitMayTakeLongerThanTheOrdinaryLimit) {
+    S3_set_option(S3OptionStallSeconds, 1);
+    S3_set_option(S3OptionSlowStallSeconds, 120);
+    Step slow;
+    slow.reply = commit_reply("<ETag>e</ETag>");
+    slow.look = [](const s3test::SeenRequest&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    };
+    server_.then(slow);
+    const Recorder done = commit();
+    EXPECT_EQ(done.status, S3StatusOK);
+    EXPECT_EQ(done.commit_etag, "\"e\"");
+    EXPECT_EQ(server_.requests().size(), 1u);
+}
+
+TEST_F(Multipart, CommitThatGetsNoAnswerIsGivenUpAtItsOwnLimit) {
+    S3_set_option(S3OptionStallSeconds, 3600);
+    S3_set_option(S3OptionSlowStallSeconds, 1);
+    S3_set_option(S3OptionUploadResends, 0);
+    Step hang;
+    hang.hang = true;
+    server_.then(hang).then(reply(404));
+    const Recorder given_up = commit();
+    EXPECT_EQ(given_up.status, S3StatusErrorRequestTimeout);
+    EXPECT_EQ(given_up.message, "no progress on the connection");
+    ASSERT_EQ(server_.requests().size(), 2u);
+    EXPECT_EQ(server_.requests()[1].method, "HEAD") << "the object decides";
+}
+
 std::string part_entry(const std::string& number, const std::string& etag) {
     return "<Part><PartNumber>" + number +
            "</PartNumber><LastModified>2013-05-24T00:00:00Z</LastModified><ETag>" + etag +
@@ -328,6 +361,31 @@ TEST_F(Multipart, UnusablePartsFailTheListing) {
     }
 }
 
+TEST_F(Multipart, APageOfPartsThatLeadsBackIsRefused) {
+    const auto page_to = [](const std::string& marker) {
+        return parts_page("<NextPartNumberMarker>" + marker + "</NextPartNumberMarker><IsTruncated>true" +
+                          "</IsTruncated>" + part_entry("2", kPartA));
+    };
+    for (const auto& [asked, next] : std::vector<std::pair<const char*, std::string>>{
+             {"2", "2"}, {"3", "2"}, {"10", "9"}, {"02", "2"}, {"x", "x"}}) {
+        server_.then(page_to(next));
+        const Recorder listed = parts(asked);
+        EXPECT_EQ(listed.status, S3StatusInternalError) << asked << " " << next;
+        EXPECT_EQ(listed.message, "the list of parts repeats its page");
+        EXPECT_EQ(listed.events, Events{"complete"});
+    }
+    // Without a marker of the page's own the last part is one.
+    server_.then(parts_page("<IsTruncated>true</IsTruncated>" + part_entry("2", kPartA)));
+    EXPECT_EQ(parts("2").status, S3StatusInternalError);
+    // The numbers count, not their texts; and the last page leads nowhere.
+    server_.then(page_to("10")).then(page_to("1"));
+    EXPECT_EQ(parts("9").marker, "10");
+    EXPECT_EQ(parts().marker, "1");
+    server_.then(
+        parts_page("<NextPartNumberMarker>2</NextPartNumberMarker><IsTruncated>false</IsTruncated>"));
+    EXPECT_EQ(parts("2").status, S3StatusOK);
+}
+
 std::string upload_entry(const std::string& key, const std::string& id) {
     return "<Upload><Key>" + key + "</Key><UploadId>" + id +
            "</UploadId><Initiated>2013-05-24T00:00:00.000Z</Initiated></Upload>";
@@ -365,6 +423,27 @@ TEST_F(Multipart, UploadsAreListed) {
     EXPECT_FALSE(last.truncated);
     EXPECT_FALSE(last.marker);
     EXPECT_TRUE(last.saw("page"));
+}
+
+TEST_F(Multipart, APageOfUploadsThatLeadsBackIsRefused) {
+    const std::string again = uploads_page(
+        "<NextKeyMarker>b</NextKeyMarker><NextUploadIdMarker>i2</NextUploadIdMarker><IsTruncated>"
+        "true</IsTruncated>" +
+        upload_entry("b", "i2"));
+    server_.then(again);
+    const Recorder listed = uploads("b", "i2");
+    EXPECT_EQ(listed.status, S3StatusInternalError);
+    EXPECT_EQ(listed.message, "the list of uploads repeats its page");
+    EXPECT_EQ(listed.events, Events{"complete"});
+    // Both markers make the place: a key may have many uploads.
+    server_.then(again).then(again).then(again);
+    EXPECT_EQ(uploads("b", "i1").status, S3StatusOK);
+    EXPECT_EQ(uploads("a", "i2").status, S3StatusOK);
+    EXPECT_EQ(uploads().status, S3StatusOK);
+    server_.then(uploads_page("<NextKeyMarker>b</NextKeyMarker><IsTruncated>true</IsTruncated>"))
+        .then(uploads_page("<NextKeyMarker>b</NextKeyMarker><IsTruncated>false</IsTruncated>"));
+    EXPECT_EQ(uploads("b").status, S3StatusInternalError);
+    EXPECT_EQ(uploads("b").status, S3StatusOK);
 }
 
 TEST_F(Multipart, UploadsThatSpoilTheDocumentAreAskedForEncoded) {

@@ -137,7 +137,8 @@ TEST(Tls, EachHostIsCheckedAsItWasSaidForIt) {
     EXPECT_EQ(head(by_number).status, S3StatusOK);
     EXPECT_EQ(head(by_name).status, S3StatusServerFailedVerification) << "weakened by another host's call";
     EXPECT_EQ(server.requests(), 1);
-    // The last word on a host counts, and a session made without checks does not stand in for one with them.
+    // Checks that are asked for later count, and a connection made without them does not stand in for one
+    // with them.
     ASSERT_EQ(S3_initialize("tls", S3_INIT_ALL | S3_INIT_VERIFY_PEER, by_number.c_str()), S3StatusOK);
     EXPECT_EQ(head(by_number).status, S3StatusServerFailedVerification);
     S3_deinitialize();
