@@ -4,11 +4,12 @@ import random
 
 import pytest
 
-from extended_client import BLOCK, interleaved, retrieve, store
+from extended_client import BLOCK, connect, end_of_data, ending, interleaved, retrieve, send_block, store
 from gateway import shared_server
+from multipart import BROKEN, PART, interrupt, parts_of, uploads_in
 from stores import random_bytes
+from waiting import wait_for
 
-PART = 5 << 20  # the smallest that the module takes
 STREAMS = 4
 
 
@@ -90,6 +91,91 @@ def test_download_of_what_is_missing(extended, bucket, s3):
     assert found[1000000:2000000] == content[1000000:2000000]
     assert found[2500000:] == content[2500000:]
     assert sum(len(block) for _, block in blocks) == len(content) - 1500000
+
+
+# -- resumed --------------------------------------------------------------------------------------------------------------
+def break_off(ftp, bucket, s3, content, parts):
+    """An announced upload of several connections, reset when so many parts are stored. What the store has of it."""
+    ftp.expect(200, f"ALLO {len(content)}")
+    connections = connect(ftp, STREAMS)
+    ftp.expect(150, f"STOR /{bucket}/file")
+    for number, offset in enumerate(range(0, parts * PART + BLOCK, BLOCK)):
+        send_block(connections[number % STREAMS], content, offset)
+    kept = wait_for(lambda: len(stored := parts_of(s3, bucket)) == parts and stored, f"{parts} parts are stored", 60)
+    for data in connections:
+        ftp.reset(data)
+    assert ending(ftp).code in BROKEN
+    return kept
+
+
+@pytest.mark.parametrize("announced", [True, False], ids=["announced", "unannounced"])
+@pytest.mark.parametrize("begun", ["extended", "stream"])
+def test_upload_goes_on_behind_a_range(extended, login, bucket, s3, stored, stored_parts, announced, begun):
+    """Whichever way it was begun, the blocks go on with the offsets of the whole file."""
+    content = random_bytes(3 * PART + 12345)
+    if begun == "extended":
+        break_off(extended, bucket, s3, content, 2)
+    else:
+        interrupt(login(), bucket, content, stored_parts, 2)
+    if announced:
+        extended.expect(200, f"ALLO {len(content) - 2 * PART}")
+    extended.expect(350, f"REST 0-{2 * PART}")
+    assert store(extended, f"/{bucket}/file", content, interleaved(len(content), STREAMS, begin=2 * PART)).code == 226
+    assert stored(bucket, "file") == content
+    assert uploads_in(s3, bucket) == {}
+
+
+def test_upload_in_stream_mode_goes_on_with_one_of_extended_mode(extended, login, bucket, s3, stored):
+    content = random_bytes(3 * PART + 12345)
+    break_off(extended, bucket, s3, content, 2)
+    ftp = login()
+    ftp.expect(350, f"REST {2 * PART}")
+    assert ftp.store(f"/{bucket}/file", memoryview(content)[2 * PART:], allocate=len(content) - 2 * PART).code == 226
+    assert stored(bucket, "file") == content
+
+
+def test_part_that_is_stored_is_not_sent_again(extended, bucket, s3, stored):
+    content = random_bytes(3 * PART + 12345)
+    kept = break_off(extended, bucket, s3, content, 2)
+    extended.expect(200, f"ALLO {len(content) - 2 * PART}")
+    extended.expect(350, f"REST 0-{2 * PART}")
+    [data] = connect(extended, 1)
+    extended.expect(150, f"STOR /{bucket}/file")
+    send_block(data, content, 2 * PART, size=PART + 1)
+    stored_now = wait_for(lambda: len(parts := parts_of(s3, bucket)) == 3 and parts, "the third part is stored", 60)
+    assert {number: stored_now[number] for number in kept} == kept
+    send_block(data, content, 3 * PART + 1, size=PART)
+    data.sendall(end_of_data(1))
+    assert ending(extended).code == 226
+    data.close()
+    assert stored(bucket, "file") == content
+
+
+@pytest.mark.parametrize("ranges", [f"0-{PART},{2 * PART}-{2 * PART + 1}", f"{PART}-{2 * PART}", f"0-1,{PART}-{2 * PART}"])
+def test_upload_around_other_ranges_is_refused(extended, bucket, s3, stored, ranges):
+    """Before any data, though something could be resumed. The list and the announced size are forgotten with that."""
+    content = random_bytes(3 * PART)
+    kept = break_off(extended, bucket, s3, content, 2)
+    extended.expect(200, f"ALLO {PART}")
+    extended.expect(350, f"REST {ranges}")
+    reply = extended.expect(553, f"STOR /{bucket}/file")
+    assert reply.last == "An upload can be restarted only behind one part that begins at 0."
+    assert parts_of(s3, bucket) == kept
+    assert store(extended, f"/{bucket}/other", content[:1000], [[0]]).code == 226
+    assert stored(bucket, "other") == content[:1000]
+
+
+def test_restart_inside_a_part_is_refused(extended, bucket, s3):
+    """Before any data, with the numbers that help."""
+    content = random_bytes(3 * PART)
+    kept = break_off(extended, bucket, s3, content, 2)
+    extended.expect(200, f"ALLO {2 * PART - 1}")
+    extended.expect(350, f"REST 0-{PART + 1}")
+    extended.expect(229, "EPSV")
+    reply = extended.expect(553, f"STOR /{bucket}/file")
+    assert (reply.word, reply.last) == ("MULTI_PART_UPLOAD_NOT_FOUND",
+                                        f"The restart offset {PART + 1} is not a multiple of the part size {PART}.")
+    assert parts_of(s3, bucket) == kept
 
 
 def test_stream_mode_again(extended, bucket, stored):

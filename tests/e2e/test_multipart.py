@@ -91,6 +91,71 @@ def test_other_size_than_announced(ftp, bucket, s3, stored, difference):
     assert stored(bucket, "file") == content
 
 
+# -- limits ---------------------------------------------------------------------------------------------------------------
+TOO_LARGE = "File upload too large"
+DECIMAL_5_TB, BINARY_5_TB = 5 * 10 ** 12, 5 << 40
+
+
+def refused_as_too_large(ftp, bucket, size, offset=0):
+    """Before the transfer begins."""
+    ftp.expect(200, f"ALLO {size}")
+    if offset:
+        ftp.expect(350, f"REST {offset}")
+    with ftp.open_data():
+        reply = ftp.expect(550, f"STOR /{bucket}/file")
+    assert reply.last == TOO_LARGE, reply.lines
+
+
+def begins(ftp, bucket, size, uploads):
+    """Such an upload is begun, and broken off."""
+    data = begin(ftp, bucket, b"some", size)
+    wait_for(lambda: "file" in uploads(bucket), "the upload is begun", 30)
+    ftp.reset(data)
+    assert ftp.read_reply().code in BROKEN
+
+
+@pytest.mark.parametrize("mode", ["S", "E"])
+def test_more_parts_than_there_may_be(ftp, bucket, store, uploads, mode):
+    ftp.expect(200, f"MODE {mode}")
+    if store.name == "devstore":
+        store.forget_requests()
+    refused_as_too_large(ftp, bucket, 10000 * PART + 1)
+    if store.name == "devstore":
+        assert store.requests() == []
+    assert uploads(bucket) == {}
+    ftp.expect(200, "MODE S")
+    begins(ftp, bucket, 10000 * PART, uploads)
+
+
+@pytest.mark.parametrize("part_size, limit", [(None, DECIMAL_5_TB), (5 << 30, BINARY_5_TB)])
+def test_largest_object(fresh_server, bucket, uploads, part_size, limit):
+    with fresh_server(extra_options={"part_size": part_size}).session() as ftp:
+        refused_as_too_large(ftp, bucket, limit + 1)
+        assert uploads(bucket) == {}
+        begins(ftp, bucket, limit, uploads)
+
+
+@pytest.mark.parametrize("part_size, text", [(PART - 1, "Multipart upload part size is too small"),
+                                             ((5 << 30) + 1, "Multipart upload part size is too large")])
+def test_part_size_that_stores_do_not_take(fresh_server, bucket, uploads, part_size, text):
+    """The operator's mistake: it shows at once, also with what would be one PUT."""
+    with fresh_server(extra_options={"part_size": part_size}).session() as ftp:
+        for size in (1, 2 * PART):
+            ftp.expect(200, f"ALLO {size}")
+            with ftp.open_data():
+                assert ftp.expect(550, f"STOR /{bucket}/file").last == text
+    assert uploads(bucket) == {}
+
+
+def test_restart_of_what_gets_too_large(ftp, bucket, stored, stored_parts):
+    content = random_bytes(2 * PART + 5)
+    interrupt(ftp, bucket, content, stored_parts, 1)
+    refused_as_too_large(ftp, bucket, 9999 * PART + 1, offset=PART)
+    assert stored_parts(bucket, "file") == [1]
+    assert restart(ftp, bucket, content, PART).code == 226
+    assert stored(bucket, "file") == content
+
+
 # -- resumed --------------------------------------------------------------------------------------------------------------
 @pytest.mark.parametrize("offset", [1, 2])
 @pytest.mark.parametrize("announce", [True, False])
