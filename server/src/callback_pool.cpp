@@ -1,7 +1,7 @@
 // The growing pool. A thread is started when there are more tasks than idle threads.
 #include "callback_pool.h"
 
-#include <exception>
+#include <cstring>
 #include <thread>
 #include <utility>
 
@@ -29,6 +29,9 @@ callback_pool::~callback_pool() {
     stopping_ = true;
     work_.notify_all();
     gone_.wait(lock, [this] { return threads_ == 0; });
+    const std::optional<pthread_t> last = ended_;
+    lock.unlock();
+    if (last) pthread_join(*last, nullptr);
 }
 
 void callback_pool::submit(std::function<void()> function) {
@@ -62,14 +65,18 @@ void callback_pool::submit(std::shared_ptr<pool_task> task) noexcept {
 }
 
 bool callback_pool::start_thread() noexcept {
-    try {
-        std::thread([this] { serve(); }).detach();
-        return true;
-    } catch (const std::exception& failure) {
-        log_line(ZORVAN_GFS_LOG_ERROR, "no thread for a back end");
-        log_line(ZORVAN_GFS_LOG_ERROR, failure.what());
-        return false;
-    }
+    pthread_t thread{};
+    const int error = pthread_create(
+        &thread, nullptr,
+        [](void* pool) -> void* {
+            static_cast<callback_pool*>(pool)->serve();
+            return nullptr;
+        },
+        this);
+    if (error == 0) return true;
+    log_line(ZORVAN_GFS_LOG_ERROR, "no thread for a back end");
+    log_line(ZORVAN_GFS_LOG_ERROR, std::strerror(error));
+    return false;
 }
 
 std::size_t callback_pool::threads() const {
@@ -104,8 +111,11 @@ void callback_pool::serve() noexcept {
         lock.lock();
     }
     --threads_;
+    const std::optional<pthread_t> previous = std::exchange(ended_, pthread_self());
     // Under the lock: the destructor must not return before this thread has let go of the pool.
     gone_.notify_all();
+    lock.unlock();
+    if (previous) pthread_join(*previous, nullptr);
 }
 
 }  // namespace zorvan::gridftp

@@ -3,7 +3,12 @@
 // A task may block for minutes, so the pool grows whenever no thread is free; a thread that finds nothing to
 // do for a while ends. Tasks are started in the order of submission. The pool holds its lock only for its own
 // book-keeping.
+//
+// Every thread is joined, by the one that ends after it and at last by the destructor: when the pool is gone,
+// so is what libraries keep for each of its threads, and the process may end.
 #pragma once
+
+#include <pthread.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace zorvan::gridftp {
 
@@ -59,6 +65,7 @@ class callback_pool {
     std::size_t threads_ = 0;
     std::size_t idle_ = 0;
     bool stopping_ = false;
+    std::optional<pthread_t> ended_;  // the thread that ended last, not joined yet
 };
 
 }  // namespace zorvan::gridftp

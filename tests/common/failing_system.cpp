@@ -17,6 +17,7 @@ thread_local long allocations_left = kNever;
 thread_local long failures_left = kNever;  // kNever: no end to them
 thread_local bool refused = false;
 std::atomic<int> thread_error = 0;
+std::atomic<int> threads_refused = 0;
 std::atomic<long> blocks = 0;
 
 bool allocation_fails() {
@@ -45,7 +46,9 @@ void* __wrap_malloc(size_t size) {
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*function)(void*),
                           void* argument) {
     const int error = thread_error;
-    return error != 0 ? error : __real_pthread_create(thread, attr, function, argument);
+    if (error == 0) return __real_pthread_create(thread, attr, function, argument);
+    ++threads_refused;
+    return error;
 }
 }
 
@@ -107,11 +110,16 @@ bool FailingAllocations::failed() const {
 }
 
 FailingThreads::FailingThreads(int error) {
+    threads_refused = 0;
     thread_error = error;
 }
 
 FailingThreads::~FailingThreads() {
     thread_error = 0;
+}
+
+int FailingThreads::refused() const {
+    return threads_refused;
 }
 
 long live_blocks() {

@@ -29,6 +29,9 @@ class FailingThreads {
     FailingThreads(const FailingThreads&) = delete;
     FailingThreads& operator=(const FailingThreads&) = delete;
     ~FailingThreads();
+
+    /** How many starts were refused so far. */
+    int refused() const;
 };
 
 /** How many blocks of operator new are allocated now. */

@@ -49,6 +49,34 @@ TEST(callback_pool, uses_a_free_thread_again) {
     EXPECT_EQ(pool.threads(), 1u);
 }
 
+/// Something that a library keeps for each thread and that takes a while to free.
+struct kept_for_a_thread {
+    static inline std::atomic<int> alive{0};
+    kept_for_a_thread() { ++alive; }
+    ~kept_for_a_thread() {
+        std::this_thread::sleep_for(20ms);
+        --alive;
+    }
+    void touch() {}
+};
+
+TEST(callback_pool, leaves_nothing_of_its_threads) {
+    {
+        callback_pool pool(10s);
+        std::promise<void> gate;
+        const auto opened = gate.get_future().share();
+        for (int i = 0; i < 5; ++i) {
+            pool.submit([opened] {
+                static thread_local kept_for_a_thread kept;
+                kept.touch();
+                opened.wait();
+            });
+        }
+        gate.set_value();
+    }
+    EXPECT_EQ(kept_for_a_thread::alive, 0);
+}
+
 TEST(callback_pool, idle_threads_end) {
     callback_pool pool(1ms);
     std::promise<void> ran;

@@ -225,11 +225,11 @@ class recorder {
         accepted(*lent, result);
         return result;
     }
-    /// Wait until so many callbacks came. @return all of them
+    /// Wait until so many callbacks have come and in_callback has returned from each. @return all of them
     std::vector<called> wait(std::size_t count) {
         std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, patience, [&] { return calls_.size() >= count; })) {
-            ADD_FAILURE() << "only " << calls_.size() << " of " << count << " callbacks";
+        if (!changed_.wait_for(lock, patience, [&] { return ended_ >= count; })) {
+            ADD_FAILURE() << "only " << ended_ << " of " << count << " callbacks";
         }
         return calls_;
     }
@@ -284,6 +284,7 @@ class recorder {
         }
         // Only now: a test that waits for the call may see its end as well. Locked: it may destroy us then.
         const std::lock_guard lock(mutex_);
+        ++ended_;
         changed_.notify_all();
     }
     static void read_done(zorvan_gridftp_server_operation_t, zorvan_result_t result, unsigned char* buffer,
@@ -305,6 +306,7 @@ class recorder {
     std::condition_variable changed_;
     std::vector<std::unique_ptr<lent_buffer>> buffers_;
     std::vector<called> calls_;
+    std::size_t ended_ = 0;
     std::size_t accepted_ = 0;
 };
 

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "core_fixture.h"
 #include "failing_system.h"
@@ -12,25 +11,6 @@
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
 using zorvan::test::FailingAllocations;
-
-// How std::thread starts its thread; the linker leads the pool's calls here.
-namespace {
-std::atomic<bool> no_threads{false};
-std::atomic<int> refused_threads{0};
-}  // namespace
-extern "C" {
-void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    void* thread, void* state, void (*depend)());
-void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    void* thread, void* state, void (*depend)()) {
-    if (no_threads) {
-        ++refused_threads;
-        throw std::system_error(EAGAIN, std::generic_category());
-    }
-    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-        thread, state, depend);
-}
-}
 
 namespace {
 
@@ -349,12 +329,14 @@ TEST_F(out_of_memory, an_entry_waits_for_a_thread) {
         std::this_thread::yield();
     }
     silent sink;
-    no_threads = true;
-    auto outcome = start(session->command({}, sink));
-    while (refused_threads < 3) {
-        std::this_thread::yield();
+    std::future<command_outcome> outcome;
+    {
+        const zorvan::test::FailingThreads none(EAGAIN);
+        outcome = start(session->command({}, sink));
+        while (none.refused() < 3) {
+            std::this_thread::yield();
+        }
     }
-    no_threads = false;
     EXPECT_EQ(result_of(std::move(outcome)).text, "done");
 }
 
