@@ -4,8 +4,10 @@
 #include "data_address.h"
 
 #include <fmt/format.h>
+#include <net/if.h>
 
 #include <array>
+#include <limits>
 
 #include "text.h"
 
@@ -13,13 +15,32 @@ namespace zorvan::gridftp {
 
 namespace ip = boost::asio::ip;
 
+namespace {
+
+/** An interface of this host by its name or its number. make_address() would take any text for some number.
+ */
+std::optional<std::uint32_t> parse_scope(std::string_view text) {
+    const std::uint32_t index = if_nametoindex(std::string(text).c_str());
+    if (index != 0) return index;
+    const auto number = parse_decimal(text);
+    if (!number || *number == 0 || *number > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+    return static_cast<std::uint32_t>(*number);
+}
+
+}  // namespace
+
 std::optional<ip::address> parse_address(std::string_view text) {
     // make_address() reads a C string: what stands behind a NUL it would not see.
     if (text.find('\0') != std::string_view::npos) return std::nullopt;
+    const std::size_t percent = text.find('%');
     boost::system::error_code error;
-    const ip::address address = ip::make_address(std::string(text), error);
+    const ip::address address = ip::make_address(std::string(text.substr(0, percent)), error);
     if (error) return std::nullopt;
-    return address;
+    if (percent == std::string_view::npos) return address;
+    if (address.is_v4()) return std::nullopt;
+    const auto scope = parse_scope(text.substr(percent + 1));
+    if (!scope) return std::nullopt;
+    return ip::address_v6(address.to_v6().to_bytes(), *scope);
 }
 
 std::optional<ip::tcp::endpoint> parse_port_argument(std::string_view text) {
@@ -54,7 +75,8 @@ eprt_verdict parse_eprt_argument(std::string_view text, ip::tcp::endpoint& endpo
     const auto protocol = parse_decimal(fields[0]);
     if (!protocol) return eprt_verdict::malformed;
     if (*protocol != 1 && *protocol != 2) return eprt_verdict::unknown_protocol;
-    const auto address = parse_address(fields[1]);
+    // A scope names an interface of the client's, which means nothing here.
+    const auto address = parse_address(fields[1].substr(0, fields[1].find('%')));
     const auto port = parse_decimal(fields[2]);
     if (!address || !port || *port == 0 || *port > 65535) return eprt_verdict::malformed;
     if (address->is_v4() != (*protocol == 1)) return eprt_verdict::malformed;

@@ -26,6 +26,14 @@ TEST(DataAddress, Eprt) {
     EXPECT_EQ(endpoint, ip::tcp::endpoint(ip::make_address("132.235.1.2"), 6275));
     EXPECT_EQ(parse_eprt_argument("!2!1080::8:800:200C:417A!5282!", endpoint), eprt_verdict::good);
     EXPECT_EQ(endpoint, ip::tcp::endpoint(ip::make_address("1080::8:800:200C:417A"), 5282));
+    // Whatever the client calls its interface.
+    for (const char* text : {"|2|fe80::1%eth7|5282|",
+                             "|2|fe80::1%\xa6\xa6"
+                             "99|5282|",
+                             "|2|fe80::1%|5282|"}) {
+        EXPECT_EQ(parse_eprt_argument(text, endpoint), eprt_verdict::good) << text;
+        EXPECT_EQ(endpoint, ip::tcp::endpoint(ip::make_address("fe80::1"), 5282)) << text;
+    }
     EXPECT_EQ(parse_eprt_argument("|3|x|1|", endpoint), eprt_verdict::unknown_protocol);
     for (const char* text : {"", "|1|1.2.3.4|21", "|1|::1|2100|", "|2|1.2.3.4|2100|", "|1|1.2.3.4|70000|",
                              "|1|1.2.3.4|0|", "|1|1.2.3.4|", "|1|1.2.3.4|2100|x|", "|x|1.2.3.4|2100|"}) {
@@ -38,9 +46,16 @@ TEST(DataAddress, Eprt) {
 TEST(DataAddress, AnAddressIsTheWholeText) {
     EXPECT_EQ(parse_address("192.0.2.7"), ip::make_address("192.0.2.7"));
     EXPECT_EQ(parse_address("::1"), ip::make_address("::1"));
+    EXPECT_EQ(parse_address("fe80::1%lo"), ip::make_address("fe80::1%lo"));
+    EXPECT_EQ(parse_address("fe80::1%4294967295")->to_v6().scope_id(), 4294967295U);
     for (const std::string_view text :
          {std::string_view("1.2.3.4\0", 8), std::string_view("::1\0x", 5), std::string_view("1.2.3.4 "),
-          std::string_view("host"), std::string_view()}) {
+          std::string_view("host"), std::string_view(), std::string_view("fe80::1%"),
+          std::string_view("fe80::1%none"), std::string_view("fe80::1%0"), std::string_view("fe80::1%-1"),
+          std::string_view("fe80::1%4294967296"),
+          std::string_view("fe80::1%\xa6\xa6"
+                           "9"),
+          std::string_view("192.0.2.7%lo")}) {
         EXPECT_EQ(parse_address(text), std::nullopt) << text;
     }
 }
