@@ -108,10 +108,8 @@ void copier::pause() {
 
 // ------------------------------------------------------------------------- restart files
 
-std::string copier::restart_path(const job& what, bool upload) const {
-    if (!wanted_.restart_file.empty()) return wanted_.restart_file;
-    (void)upload;
-    return what.local + ".restart";
+std::string copier::restart_path(const job& what) const {
+    return wanted_.restart_file.empty() ? what.local + ".restart" : wanted_.restart_file;
 }
 
 void copier::save(const std::string& path, const restart_record& record) {
@@ -168,7 +166,7 @@ void copier::upload_once(const job& what, restart_record& record) {
     request.connections = wanted_.parallel;
     request.block_size = wanted_.block_size;
     request.summed = wants_sum(request.extended);
-    const auto file = restart_path(what, true);
+    const auto file = restart_path(what);
     request.stored = [&](const std::string& text) {
         const auto ranges = gridftp::range_list::parse(text);
         if (!ranges) return;
@@ -220,7 +218,8 @@ void copier::upload_all(const location& source) {
         throw failure(exit_status::read_failed,
                       gridftp::printable(source.path) + " is a folder: --recursive copies those");
     }
-    for (const auto& item : walk_local(source.path)) {
+    const auto items = walk_local(source.path, [&](const failure& error) { report(error, {}); });
+    for (const auto& item : items) {
         const auto remote = item.path.empty() ? target : join(target, item.path);
         if (item.folder) {
             connected().make_folder(remote);
@@ -240,7 +239,7 @@ void copier::download_once(const job& what, restart_record& record) {
     now.local = absolute(what.local);
     now.size = size.value_or(0);
     now.stamp = with.modification_time(what.remote);
-    const auto file = restart_path(what, false);
+    const auto file = restart_path(what);
     const auto part = status_of(part_file::name_for(what.local));
     if (size && record.same_transfer(now) && part && !record.ranges.empty() &&
         static_cast<std::uint64_t>(part->st_size) >= record.ranges.ranges().back().second) {
@@ -348,7 +347,7 @@ void copier::attempt(const job& what, void (copier::*once)(const job&, restart_r
     restart_record record;
     const bool uploads = once == &copier::upload_once;
     if (wanted_.resume) {
-        if (auto found = read_restart_file(restart_path(what, uploads))) record = std::move(*found);
+        if (auto found = read_restart_file(restart_path(what))) record = std::move(*found);
     }
     const auto name = uploads ? what.local : display_url(server_, what.remote);
     for (unsigned tries = 0;; ++tries) {

@@ -41,7 +41,7 @@ class copier {
 
     session& connected();
     bool wants_sum(bool extended) const;
-    std::string restart_path(const job& what, bool upload) const;
+    std::string restart_path(const job& what) const;
     void save(const std::string& path, const restart_record& record);
     void note(const std::string& text) const;
     void report(const failure& error, const std::string& name);

@@ -15,7 +15,6 @@ enum class exit_status : int {
     connect_failed = 7,
     weird_reply = 8,
     access_denied = 9,
-    accept_timed_out = 12,
     weird_passive_reply = 14,
     partial_file = 18,
     download_refused = 19,

@@ -41,12 +41,12 @@ Complete or not
 Exit status
     0  all is copied              2  wrong usage                   3  malformed address
     6  host not resolved          7  connection failed             8  weird answer of the server
-    9  access denied             12  server did not connect       14  weird answer to EPSV or PASV
-   18  data ended too early      19  download refused             21  a command was refused
-   23  writing here failed       25  upload refused               26  reading here failed, or the file changed
-   28  timed out                 30  no port for the server       31  server cannot restart
-   55  sending failed            56  receiving failed             67  login denied
-   78  not found                100  checksums differ            130  interrupted
+    9  access denied             14  weird answer to EPSV, PASV   18  data ended too early
+   19  download refused          21  a command was refused        23  writing here failed
+   25  upload refused            26  reading here failed          28  timed out
+   30  no port for the server    31  server cannot restart        55  sending failed
+   56  receiving failed          67  login denied                 78  not found
+  100  checksums differ         130  interrupted
   With several files the first failure counts; the others are still copied, unless the server cannot be reached.
 
 Examples
@@ -55,6 +55,14 @@ Examples
   zorvan-copy --recursive results ftp://alice@host/bucket/2024/
   tar c folder | zorvan-copy - ftp://alice@host/bucket/folder.tar
 )";
+
+class help_format : public CLI::Formatter {
+  public:
+    std::string make_usage(const CLI::App*, std::string) const override {
+        return "Usage: zorvan-copy [OPTIONS] SOURCE... DESTINATION\n";
+    }
+    std::string make_positionals(const CLI::App*) const override { return {}; }
+};
 
 [[noreturn]] void wrong(const std::string& text) {
     throw failure(exit_status::bad_usage, text + " (--help tells more)");
@@ -100,9 +108,10 @@ command_line parse_command_line(std::vector<std::string> arguments) {
     unsigned pause = 5;
 
     CLI::App app(description, "zorvan-copy");
+    app.formatter(std::make_shared<help_format>());
     app.footer(footer);
     app.set_version_flag("--version", "zorvan-copy " ZORVAN_VERSION, "Print the version and end");
-    app.add_option("paths", paths, "SOURCE... DESTINATION")->option_text("SOURCE... DESTINATION");
+    app.add_option("paths", paths);
     app.add_option("-p,--parallel", wanted.parallel,
                    "Data connections; more than one means extended mode (default 1)")
         ->option_text("N")

@@ -10,6 +10,7 @@
 
 #include "local_file.h"
 #include "restart_file.h"
+#include "text.h"
 
 namespace zorvan::copy {
 namespace {
@@ -45,26 +46,61 @@ bool is_leftover(const std::string& path) {
     return path.ends_with(restart_suffix) && is_restart_file(path);
 }
 
-void walk(const std::string& top, const std::string& folder, std::size_t depth,
-          std::vector<tree_item>& found) {
-    const auto here = folder.empty() ? top : join(top, folder);
-    if (depth > deepest_folder) throw read_problem(here, ELOOP);
-    const auto names = names_in(here);
-    if (names.empty()) found.push_back({folder, true});
-    for (const auto& name : names) {
-        const auto path = join(here, name);
+class local_walk {
+  public:
+    local_walk(const std::string& top, const std::function<void(const failure&)>& unreadable)
+        : top_(top), unreadable_(unreadable) {
+        struct stat status{};
+        if (::stat(top.c_str(), &status) == 0) around_.emplace_back(status.st_dev, status.st_ino);
+    }
+
+    void folder(const std::string& folder, std::size_t depth) {
+        const auto here = folder.empty() ? top_ : join(top_, folder);
+        std::vector<std::string> names;
+        try {
+            if (depth > deepest_folder) throw read_problem(here, ELOOP);
+            names = names_in(here);
+        } catch (const failure& error) {
+            unreadable_(error);
+            return;
+        }
+        if (names.empty()) found.push_back({folder, true});
+        for (const auto& name : names) {
+            try {
+                entry(join(here, name), below(folder, name), depth);
+            } catch (const failure& error) {
+                unreadable_(error);
+            }
+        }
+    }
+
+    std::vector<tree_item> found;
+
+  private:
+    void entry(const std::string& path, const std::string& relative, std::size_t depth) {
         struct stat status{};
         if (::stat(path.c_str(), &status) != 0) throw read_problem(path, errno);
         if (S_ISDIR(status.st_mode)) {
-            walk(top, below(folder, name), depth + 1, found);
+            const std::pair identity(status.st_dev, status.st_ino);
+            if (std::find(around_.begin(), around_.end(), identity) != around_.end()) {
+                throw failure(exit_status::read_failed,
+                              gridftp::printable(path) + " leads back to a folder that it is in");
+            }
+            around_.push_back(identity);
+            folder(relative, depth + 1);
+            around_.pop_back();
         } else if (!S_ISREG(status.st_mode)) {
             throw failure(exit_status::read_failed,
-                          file_problem("cannot read", path, EINVAL) + " (neither a file nor a folder)");
+                          gridftp::printable(path) + " is neither a file nor a folder");
         } else if (!is_leftover(path)) {
-            found.push_back({below(folder, name), false});
+            found.push_back({relative, false});
         }
     }
-}
+
+    const std::string& top_;
+    const std::function<void(const failure&)>& unreadable_;
+    std::vector<std::pair<dev_t, ino_t>> around_;  // the folders that the walk is in
+};
 
 void walk(session& with, const std::string& top, const std::string& folder, std::size_t depth,
           std::vector<tree_item>& found) {
@@ -85,10 +121,11 @@ void walk(session& with, const std::string& top, const std::string& folder, std:
 
 }  // namespace
 
-std::vector<tree_item> walk_local(const std::string& folder) {
-    std::vector<tree_item> found;
-    walk(folder, {}, 0, found);
-    return found;
+std::vector<tree_item> walk_local(const std::string& folder,
+                                  const std::function<void(const failure&)>& unreadable) {
+    local_walk walking(folder, unreadable);
+    walking.folder({}, 0);
+    return std::move(walking.found);
 }
 
 std::vector<tree_item> walk_remote(session& with, const std::string& folder) {

@@ -1,6 +1,7 @@
 // What is in a folder and the folders in it, here and on the server.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,9 @@ struct tree_item {
 constexpr std::size_t deepest_folder = 200;
 
 /// Symbolic links are followed. Restart files of this program are left out.
-/// @throws failure  read_failed, also for what is neither file nor folder
-std::vector<tree_item> walk_local(const std::string& folder);
+/// @param unreadable  gets what cannot be read, or is neither file nor folder; the walk goes on
+std::vector<tree_item> walk_local(const std::string& folder,
+                                  const std::function<void(const failure&)>& unreadable);
 
 /// @throws failure
 std::vector<tree_item> walk_remote(session& with, const std::string& folder);

@@ -113,7 +113,11 @@ void upload(session& with, source_file& source, const upload_request& request) {
 
     // After the connections: its lanes end before those are closed.
     transfer moving(control);
+    bool begun = false;
+    bool started = false;
     const auto start_lanes = [&] {
+        if (!begun || started || data.all.empty()) return;
+        started = true;
         const auto count = data.all.size();
         for (std::size_t i = 0; i < count; ++i) {
             const auto& connection = data.all[i];
@@ -131,17 +135,14 @@ void upload(session& with, source_file& source, const upload_request& request) {
             }
         }
     };
-    bool started = false;
     transfer::events handlers;
     handlers.listener = port.fd();
     handlers.begun = [&] {
-        started = !data.all.empty();
+        begun = true;
         start_lanes();
     };
     handlers.connected = [&](descriptor connection) {
-        if (!data.all.empty()) return;
-        data.all.push_back(std::move(connection));
-        started = true;
+        if (data.all.empty()) data.all.push_back(std::move(connection));
         start_lanes();
     };
     handlers.complete = [&] { return started; };
