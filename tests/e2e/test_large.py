@@ -3,7 +3,9 @@ needs does not grow with them."""
 
 import functools
 import hashlib
+import os
 import re
+import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -95,6 +97,22 @@ def test_extended_mode(ftp, bucket, sample, arrived, streams):
         assert b"".join(block for _, block in blocks) == sample.content
 
 
+@pytest.mark.parametrize("streams", [1, 4, 16])
+def test_zorvan_copy(binaries, server, bucket, sample, arrived, tmp_path, streams):
+    """It compares the sums too."""
+    def copy(source, destination):
+        command = [binaries.server.parent / "zorvan-copy", "--parallel", str(streams), source, destination]
+        environment = {**os.environ, "ZORVAN_COPY_PASSWORD": server.passwords["alice"]}
+        done = subprocess.run(command, env=environment, capture_output=True, timeout=150, check=False)
+        assert done.returncode == 0, done.stderr
+
+    remote = f"ftp://alice@{server.host}:{server.port}/{bucket}/file"
+    copy(sample.file, remote)
+    arrived()
+    copy(remote, tmp_path / "back")
+    assert (tmp_path / "back").read_bytes() == sample.content
+
+
 # -- what it costs --------------------------------------------------------------------------------------------------------
 def memory(pid, what):
     """VmHWM (the peak) or VmRSS of a process, in bytes."""
@@ -103,6 +121,7 @@ def memory(pid, what):
 
 @pytest.mark.slow
 @pytest.mark.devstore_only(reason="zeros take no room there")
+@pytest.mark.timeout(1200)
 def test_memory_does_not_grow_with_the_file(request, fresh_server, bucket, store, s3, uploads):
     """Zeros, because the store has to keep the file. `--sparse-size` makes it larger."""
     part, piece, bound = 64 * MIB, bytes(MIB), 96 * MIB
