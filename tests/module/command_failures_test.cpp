@@ -335,6 +335,12 @@ TEST_F(KeylessCommand, NoRequestButAHeadIsSentForAnEmptyKey) {
         EXPECT_TRUE(call.key && call.destination_key) << "a null key never reaches the client library";
 }
 
+TEST_F(KeylessCommand, FailuresWithoutAKeyNameTheBucketAndASlash) {
+    s3_fail(S3Kind::head_object, 1, S3StatusErrorNotImplemented);
+    const auto op = command(cksm, "/b", {}, "md5");
+    expect_s3(op->finish().error, s3_text("b/", S3StatusErrorNotImplemented));
+}
+
 TEST_F(KeylessCommand, DeleteOfAnEmptyKeyRemovesNoBucket) {
     s3_bucket("b");
     const auto op = command(dele, "/b/");

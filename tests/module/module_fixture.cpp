@@ -84,9 +84,8 @@ ModuleTest::ModuleTest() : records_(std::make_unique<Records>()) {}
 ModuleTest::~ModuleTest() = default;
 
 void ModuleTest::SetUp() {
-    char pattern[] = "/tmp/zorvan-module-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    folder_ = pattern;
+    folder_ = (std::filesystem::temp_directory_path() / "zorvan-module-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder_.data()), nullptr);
     log_path_ = path_of("debug.log");
     trace_reset();
     faults_reset();

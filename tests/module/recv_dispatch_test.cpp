@@ -36,7 +36,10 @@ class RecvDispatch : public TransferTest {
         last->close();
         return single ? Way::single : multipart ? Way::multipart : Way::refused;
     }
-    void expect_text(const char* text) { expect_generic(last->finish().error, "recv", text); }
+    void expect_text(const char* text) {
+        expect_generic(last->finish().error, "recv", text);
+        EXPECT_EQ(last->finish().error.function, "zorvan_i_s3_recv");
+    }
     void part_size(long long bytes) { zorvan_i_s3_part_size = bytes; }
     void TearDown() override {
         last.reset();
@@ -92,6 +95,18 @@ TEST_F(RecvDispatch, PartSizeAboveTheMaximumIsRefused) {
     expect_text("Multipart upload part size is too large");
 }
 
+TEST_F(RecvDispatch, ThePartSizeIsLookedAtBeforeTheSize) {
+    part_size(mib5 - 1);
+    EXPECT_EQ(way(INT64_MAX), Way::refused);
+    expect_text("Multipart upload part size is too small");
+    part_size(gib5 + 1);
+    EXPECT_EQ(way(INT64_MAX), Way::refused);
+    expect_text("Multipart upload part size is too large");
+    part_size(INT64_MAX);
+    EXPECT_EQ(way(INT64_MAX), Way::refused);
+    expect_text("Multipart upload part size is too large");
+}
+
 TEST_F(RecvDispatch, LimitsOfThePartSizeAreAccepted) {
     part_size(mib5);
     EXPECT_EQ(way(1), Way::single);
@@ -129,6 +144,8 @@ TEST_F(RecvDispatch, RestrictedSessionsRefuseAppending) {
     EXPECT_EQ(way(10, false), Way::refused);
     expect_ftp(last->finish().error, 553, "APPEND_NOT_SUPPORTED", std::nullopt);
     EXPECT_EQ(last->finish().error.cause, nullptr);
+    EXPECT_EQ(way(tb5 + 1, false), Way::refused) << "before the size is looked at";
+    expect_ftp(last->finish().error, 553, "APPEND_NOT_SUPPORTED", std::nullopt);
 }
 
 TEST_F(RecvDispatch, RestrictedSessionsUseSingleRequestsOnly) {

@@ -565,6 +565,37 @@ TEST_F(RecvMultipartDeathTest, EtagsOfListedPartsMustFitTheirRecord) {
     op.finishes.emplace_back();
 }
 
+TEST_F(RecvMultipartDeathTest, HandlersNeedTheirState) {
+    Reply nobody;
+    nobody.null_data = true;
+    s3_script(S3Kind::list_uploads, nobody);
+    Operation op;
+    EXPECT_DEATH(upload(op, bytes(20)),
+                 "Assertion list_state != NULL failed in file recv_multipart_resolve_id at line [0-9]+\n");
+    nobody.status = S3StatusErrorAccessDenied;
+    s3_script_clear(S3Kind::list_uploads);
+    s3_script(S3Kind::list_uploads, nobody);
+    EXPECT_DEATH(upload(op, bytes(20)),
+                 "Assertion list_state != NULL failed in file recv_multipart_resolve_id at line [0-9]+\n");
+    s3_script_clear(S3Kind::list_uploads);
+    for (const auto kind : {S3Kind::initiate_multipart, S3Kind::upload_part, S3Kind::complete_multipart}) {
+        s3_script(kind, nobody);
+        EXPECT_DEATH(upload(op, bytes(20)),
+                     "Assertion transfer_state != NULL failed in file recv_multipart at line [0-9]+\n");
+        s3_script_clear(kind);
+    }
+    s3_upload("b", "dir/f", "2~old", 5);
+    for (const auto status : {S3StatusOK, S3StatusErrorAccessDenied}) {
+        nobody.status = status;
+        s3_script(S3Kind::list_parts, nobody);
+        EXPECT_DEATH(
+            resume(op, bytes(20), 0),
+            "Assertion transfer_state != NULL failed in file recv_multipart_list_parts at line [0-9]+\n");
+        s3_script_clear(S3Kind::list_parts);
+    }
+    op.finishes.emplace_back();
+}
+
 TEST_F(RecvMultipartDeathTest, CommitBufferMustHoldMoreThanTheOpeningTag) {
     s3_pull_size(25);
     Operation op;

@@ -21,6 +21,7 @@ class RecvMultipartResume : public RecvMultipartTest {
         Operation op;
         resume(op, bytes(350), 200);
         expect_not_found(op, list_parts_file, cause);
+        EXPECT_EQ(op.finish().error.cause->function, "zorvan_l_s3_recv_multipart_list_parts_response");
         EXPECT_EQ(s3_calls(S3Kind::list_parts).back().status, S3StatusInternalError)
             << "the request is aborted";
         EXPECT_TRUE(parts().empty());
@@ -113,6 +114,36 @@ TEST_F(RecvMultipartResume, SizesOfTheDefaultPartSize) {
     EXPECT_EQ(parts()[0].length, 1u);
     EXPECT_EQ(parts()[0].body, "z");
     EXPECT_EQ(op.range_updates, (Ranges{{1'000'000'000, 1}}));
+}
+
+TEST_F(RecvMultipartResume, PartsHaveTheConfiguredSize) {
+    constexpr uint64_t mib6 = 6291456;
+    zorvan_i_s3_part_size = mib6;
+    script_parts({{1, mib6, "\"a\""}});
+    s3_upload("b", "dir/f", "2~old", 5);
+    Operation op;
+    op.write_range = {{static_cast<int64_t>(mib6), -1}};
+    op.upload.push_back({static_cast<int64_t>(mib6), "z"});
+    call_recv(op, "/b/dir/f", 1, false);
+    finish(op);
+    ASSERT_EQ(parts().size(), 1u);
+    EXPECT_EQ(parts()[0].part, 2);
+    EXPECT_EQ(op.range_updates, (Ranges{{static_cast<int64_t>(mib6), 1}}));
+}
+
+TEST_F(RecvMultipartResume, EtagsOf34CharactersAreKeptWhole) {
+    const std::string etag(34, 'e');
+    script_parts({{1, part, etag}, {2, part, etag}});
+    s3_upload("b", "dir/f", "2~old", 5, cut(bytes(200)));
+    for (const auto& [number, stored] : s3_bucket("b").uploads["2~old"].parts)
+        s3_bucket("b").uploads["2~old"].parts[number].etag = etag;
+    Operation op;
+    resume(op, bytes(350), 200);
+    expect_success(op);
+    expect_stored(bytes(350));
+    const auto body = s3_calls(S3Kind::complete_multipart).at(0).body;
+    EXPECT_NE(body.find("<Part><PartNumber>2</PartNumber><ETag>" + etag + "</ETag></Part>"),
+              std::string::npos);
 }
 
 TEST_F(RecvMultipartResume, WithoutAnUploadItIsA553) {
@@ -217,6 +248,7 @@ TEST_F(RecvMultipartResume, PartsBeforeTheOffsetMustBeThere) {
         Operation op;
         resume(op, bytes(350), 200);
         expect_not_found(op, list_parts_file, "Existing MPU is missing a part eTag.");
+        EXPECT_EQ(op.finish().error.cause->function, "zorvan_i_s3_recv_multipart_list_parts");
         EXPECT_EQ(op.accepted, 0);
     }
 }
@@ -352,6 +384,26 @@ TEST_F(RecvMultipartResume, TriesAreCountedPerRequest) {
     ASSERT_EQ(s3_calls(S3Kind::list_parts).size(), 4u);
     EXPECT_EQ(s3_calls(S3Kind::list_parts)[3].part_marker, "1");
     EXPECT_EQ(sleeps(), std::vector<int64_t>(4, 100000));
+}
+
+TEST_F(RecvMultipartResume, LevelsOfTheLines) {
+    expect_levels(
+        {{ZORVAN_S3_INFO, " S3_list_parts(id="},
+         {ZORVAN_S3_DEBUG, "S3_list_parts: op="},
+         {ZORVAN_S3_ERROR, "zorvan_l_s3_recv_multipart_list_parts_complete: result=0x"},
+         {ZORVAN_S3_ERROR, "zorvan_i_s3_recv_multipart_list_parts: result=0x"}},
+        [&] {
+            s3_upload("b", "dir/f", "2~old", 5, cut(bytes(200)));
+            fail_next(S3Kind::list_parts);
+            Operation op;
+            resume(op, bytes(350), 200);
+            expect_success(op);
+            s3_upload("b", "dir/f", "2~old", 5);
+            Operation missing;
+            resume(missing, bytes(350), 200);
+            expect_not_found(missing, list_parts_file, "Existing MPU is missing a part eTag.");
+        },
+        false);
 }
 
 TEST_F(RecvMultipartResume, LogOfAResume) {

@@ -237,6 +237,22 @@ TEST_F(RecvMultipart, CommitBodyOfTenThousandPartsInPieces) {
     }
 }
 
+TEST_F(RecvMultipart, CommitBodyEndsAtItsEndHoweverMuchIsAskedFor) {
+    for (const int pull : {65536, 30}) {
+        s3_pull_size(pull);
+        Reply greedy;
+        greedy.take = 10'000;
+        s3_script(S3Kind::complete_multipart, greedy);
+        Operation op;
+        // A part's element does not fit into the small buffer: an upload without parts.
+        pull == 30 ? run(op, 0) : upload(op, bytes(150));
+        const auto commit = s3_calls(S3Kind::complete_multipart).back();
+        EXPECT_EQ(commit.body.size(), commit.length);
+        EXPECT_EQ(commit.pulls.back(), 0);
+        EXPECT_EQ(commit.status, S3StatusErrorIncompleteBody);
+    }
+}
+
 TEST_F(RecvMultipart, OpeningTagIsWrittenOnceWhenNoElementFitsBehindIt) {
     Operation op;
     s3_pull_size(100);
@@ -498,6 +514,17 @@ TEST_F(RecvMultipart, AbortThatFailsIsOnlyLogged) {
     EXPECT_TRUE(log_holds(" message=" + s3_text("/b/dir/f", S3StatusErrorMalformedXML)));
 }
 
+TEST_F(RecvMultipart, AbortWhoseCompletionKnowsNobodyIsOnlyLogged) {
+    s3_upload("b", "dir/f", "2~old", 1600000000);
+    auto refused = reply_of(S3StatusErrorAccessDenied);
+    refused.null_data = true;
+    s3_script(S3Kind::abort_multipart, refused);
+    Operation op;
+    upload(op, bytes(150));
+    expect_success(op);
+    EXPECT_EQ(s3_find("b", "dir/f")->data, bytes(150));
+}
+
 TEST_F(RecvMultipart, OfSeveralUploadsAllAreAbortedTheLatestLast) {
     s3_upload("b", "dir/f", "2~a", 20);
     s3_upload("b", "dir/f", "2~b", 30);
@@ -686,6 +713,45 @@ TEST_F(RecvMultipart, LineOfAReadHasNoEnd) {
     const auto user = log.find(" user_arg=0x", at);
     ASSERT_NE(user, std::string::npos);
     EXPECT_NE(log[log.find_first_not_of("0123456789abcdef", user + 12)], '\n');
+}
+
+TEST_F(RecvMultipart, LevelsOfTheLines) {
+    expect_levels(
+        {{ZORVAN_S3_INFO, "recv: op="},
+         {ZORVAN_S3_INFO, " S3_list_multipart_uploads(bucket="},
+         {ZORVAN_S3_INFO, " S3_abort_multipart_upload(duplicate upload id="},
+         {ZORVAN_S3_INFO, " S3_abort_multipart_upload(id="},
+         {ZORVAN_S3_INFO, " S3_initiate_multipart(bucket="},
+         {ZORVAN_S3_INFO, "begin_transfer: op="},
+         {ZORVAN_S3_INFO, " S3_upload_part(id="},
+         {ZORVAN_S3_INFO, " S3_complete_multipart_upload(id="},
+         {ZORVAN_S3_INFO, " S3_head_object(bucket="},
+         {ZORVAN_S3_INFO, "finished_transfer: op="},
+         {ZORVAN_S3_DEBUG, "S3_list_multipart_uploads: op="},
+         {ZORVAN_S3_DEBUG, "S3_initiate_multipart: op="},
+         {ZORVAN_S3_DEBUG, "S3_upload_part: op="},
+         {ZORVAN_S3_DEBUG, "S3_complete_multipart_upload: op="},
+         {ZORVAN_S3_DEBUG, "S3_head_object: op="},
+         {ZORVAN_S3_DEBUG, "transfer_id="},
+         {ZORVAN_S3_DEBUG, ": part=1 etag="},
+         {ZORVAN_S3_DEBUG, "restart_marker: op="},
+         {ZORVAN_S3_DEBUG, "buffer=\"<CompleteMultipartUpload>"},
+         {ZORVAN_S3_DEBUG, "recv_read_callback: op="},
+         {ZORVAN_S3_TRACE, "Currently "},
+         {ZORVAN_S3_TRACE, "Optimal is "},
+         {ZORVAN_S3_TRACE, "Registering read with s3_buffer="},
+         {ZORVAN_S3_TRACE, "Waiting for current offset "}},
+        [&] {
+            for (const auto kind : {S3Kind::list_uploads, S3Kind::initiate_multipart, S3Kind::upload_part,
+                                    S3Kind::complete_multipart, S3Kind::head_object})
+                fail_next(kind);
+            s3_script(S3Kind::complete_multipart, Reply{});
+            s3_upload("b", "dir/f", "2~a", 5);
+            s3_upload("b", "dir/f", "2~b", 6);
+            Operation op;
+            upload(op, bytes(150));
+            expect_success(op);
+        });
 }
 
 TEST_F(RecvMultipart, FunctionsLogUnderTheirOwnNames) {

@@ -189,6 +189,8 @@ TEST_F(RecvSingle, Md5OfAnotherLengthFailsBeforeAnyRequest) {
         expect_generic(op.finish().error, "recv_single", "Invalid md5 checksum");
         EXPECT_EQ(op.finishes.size(), 1u);
         EXPECT_TRUE(puts().empty());
+        EXPECT_EQ(op.begin_transfers, 0);
+        EXPECT_EQ(op.accepted, 0) << "nothing is taken in";
     }
 }
 
@@ -545,6 +547,15 @@ TEST_F(RecvSingle, RefusedReadWithNoneOutstandingIsTheTransfersResult) {
     EXPECT_EQ(s3_find("b", "dir/f"), nullptr);
 }
 
+TEST_F(RecvSingle, RefusedReadOfTheEndIsTheTransfersResult) {
+    Operation op;
+    op.concurrency = 1;
+    op.refuse_read = 3;
+    upload(op, bytes(128));
+    EXPECT_EQ(op.finish().error.text, "read refused") << "nobody can tell whether the data ended";
+    EXPECT_EQ(op.delivered, 2);
+}
+
 TEST_F(RecvSingle, BufferThatCannotBeAllocatedAtTheBeginning) {
     Operation op;
     op.block_size = 100000;
@@ -622,6 +633,27 @@ TEST_F(RecvSingle, LogOfAnUpload) {
           "finished_transfer: op=" + handle + " result=0\n"})
         EXPECT_TRUE(log_says(message)) << message;
     EXPECT_TRUE(log_holds(" nbytes=3 offset=0 eof=0 user_arg=0x"));
+}
+
+TEST_F(RecvSingle, LevelsOfTheLines) {
+    expect_levels({{ZORVAN_S3_INFO, "recv op="},
+                   {ZORVAN_S3_INFO, "recv: op="},
+                   {ZORVAN_S3_INFO, "begin_transfer: op="},
+                   {ZORVAN_S3_INFO, "REST: op="},
+                   {ZORVAN_S3_INFO, "finished_transfer: op="},
+                   {ZORVAN_S3_DEBUG, "S3_put_object: op="},
+                   {ZORVAN_S3_DEBUG, "recv_read_callback: op="},
+                   {ZORVAN_S3_TRACE, "Currently "},
+                   {ZORVAN_S3_TRACE, "Optimal is "},
+                   {ZORVAN_S3_TRACE, "Registering read with s3_buffer="},
+                   {ZORVAN_S3_TRACE, "Waiting for current offset "},
+                   {ZORVAN_S3_TRACE, "recv_single_data: op="}},
+                  [&] {
+                      fail_next(S3Kind::put_object);
+                      Operation op;
+                      upload(op, bytes(150));
+                      expect_success(op);
+                  });
 }
 
 TEST_F(RecvSingle, FunctionsLogUnderTheirOwnNames) {

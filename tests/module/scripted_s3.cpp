@@ -61,6 +61,9 @@ S3Call call_of(S3Kind kind, S3RequestContext* request_context, int timeout) {
     call.kind = kind;
     call.request_context = request_context != nullptr;
     call.timeout = timeout;
+    // Every request is made at once and without a limit of its own.
+    EXPECT_EQ(request_context, nullptr) << static_cast<int>(kind);
+    EXPECT_EQ(timeout, 0) << static_cast<int>(kind);
     call.thread = std::this_thread::get_id();
     took_data = false;
     return call;
@@ -74,11 +77,13 @@ class Request {
         trace_add(name);
         index_ = begin(call);
         reply_ = decide(call);
+        if (reply_.null_data) data_ = nullptr;
         if (reply_.before) reply_.before();
         status_ = reply_.status;
     }
 
     Reply& reply() { return reply_; }
+    void* data() const { return data_; }
     bool good() const { return status_ == S3StatusOK; }
     void keep(S3Status status) {
         if (good()) status_ = status;
@@ -120,9 +125,10 @@ class Request {
     void take_body(S3PutObjectDataCallback* callback, uint64_t length) {
         const bool failing = !good();
         const uint64_t wanted = reply_.take ? *reply_.take : (failing ? 0 : length);
-        std::string buffer(std::min<uint64_t>(static_cast<uint64_t>(pull_size()), length), '\0');
+        const uint64_t limit = std::max(length, wanted);
+        std::string buffer(std::min<uint64_t>(static_cast<uint64_t>(pull_size()), limit), '\0');
         while (call_.body.size() < wanted) {
-            const auto room = std::min<uint64_t>(buffer.size(), length - call_.body.size());
+            const auto room = std::min<uint64_t>(buffer.size(), limit - call_.body.size());
             int got = 0;
             {
                 const InModule inside;
@@ -631,7 +637,7 @@ void S3_list_parts(const S3BucketContext* bucketContext, const char* key, const 
         const InModule inside;
         request.keep(handler->responseXmlCallback(
             reply.truncated ? 1 : 0, reply.next_part ? reply.next_part->c_str() : nullptr, nullptr, nullptr,
-            nullptr, nullptr, "STANDARD", static_cast<int>(parts.size()), 0, parts.data(), callbackData));
+            nullptr, nullptr, "STANDARD", static_cast<int>(parts.size()), 0, parts.data(), request.data()));
     }
     request.complete();
 }
@@ -662,7 +668,7 @@ void S3_list_multipart_uploads(const S3BucketContext* bucketContext, const char*
         request.keep(handler->responseXmlCallback(
             reply.truncated ? 1 : 0, reply.next_key ? reply.next_key->c_str() : nullptr,
             reply.next_upload ? reply.next_upload->c_str() : nullptr, static_cast<int>(uploads.size()),
-            uploads.data(), 0, nullptr, callbackData));
+            uploads.data(), 0, nullptr, request.data()));
     }
     request.complete();
 }

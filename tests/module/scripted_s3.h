@@ -163,7 +163,9 @@ struct Reply {
     std::vector<ListedUpload> uploads;             ///< a page of uploads
     bool truncated = false;                        ///< of those pages, with their markers
     Text next_part, next_key, next_upload;
-    std::optional<size_t> take;  ///< bytes taken from the put-data callback; none: all on success
+    /// Bytes taken from the put-data callback, more than announced if so wanted; none: all on success.
+    std::optional<size_t> take;
+    bool null_data = false;  ///< the callbacks get no user data
     std::optional<Details> details;
     std::function<void()> before;  ///< runs inside the call, first
     std::function<void()> after;   ///< runs inside the call, after the completion

@@ -453,6 +453,22 @@ TEST_F(Send, RetryBeforeAnyDataStartsOver) {
     EXPECT_TRUE(log_says("S3_get_object: op=" + handle + " status=ConnectionFailed[46]\n"));
 }
 
+TEST_F(Send, LevelsOfTheLines) {
+    s3_object("b", "dir/f", bytes(300));
+    expect_levels({{ZORVAN_S3_INFO, "send: op="},
+                   {ZORVAN_S3_INFO, "REST: op="},
+                   {ZORVAN_S3_INFO, "finished_transfer: op="},
+                   {ZORVAN_S3_DEBUG, "S3_get_object: op="},
+                   {ZORVAN_S3_DEBUG, "Currently "},
+                   {ZORVAN_S3_DEBUG, "registering write buffer="}},
+                  [&] {
+                      fail_next(S3Kind::get_object);
+                      Operation op;
+                      run(op);
+                      expect_success(op);
+                  });
+}
+
 TEST_F(Send, RetryAfterDataSkipsWhatWasDelivered) {
     const auto data = bytes(1000);
     multipart_object(data);

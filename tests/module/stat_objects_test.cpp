@@ -348,6 +348,12 @@ TEST_F(StatObjects, EmptyPlaceholderDirectoryIsItsEntryAlone) {
     EXPECT_EQ(head_keys(), std::vector<Text>{"dir/"});
 }
 
+TEST_F(StatObjects, NamesOfOneLetterAreListed) {
+    s3_object("b", "a/x", "1");
+    s3_object("b", "f", "1");
+    EXPECT_EQ(names(*stat("/b", false)), (std::vector<std::string>{".", "f", "a"}));
+}
+
 TEST_F(StatObjects, CommonPrefixOfASlashIsDropped) {
     s3_object("b", "/odd", "1");
     s3_object("b", "file", "1");

@@ -1,8 +1,11 @@
 // What the tests of downloads and uploads share.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "module_fixture.h"
 
@@ -36,6 +39,36 @@ class TransferTest : public ModuleTest {
         EXPECT_EQ(op.finishes.size(), 1u);
         EXPECT_EQ(op.finish().kind, Ending::transfer);
         EXPECT_EQ(op.finish().result, ZORVAN_SUCCESS) << op.finish().error.friendly;
+    }
+    /// A line of the debug log, by its beginning, and the one level at which it is written.
+    struct LevelledLine {
+        uint32_t level;
+        std::string line;
+    };
+    /// Run something once for each level, with that level alone: each line is written at its own and no
+    /// other.
+    /// @param whole_lines  false when errors are told, whose texts have several
+    void expect_levels(const std::vector<LevelledLine>& lines, const std::function<void()>& run,
+                       bool whole_lines = true) {
+        for (const uint32_t level :
+             {ZORVAN_S3_TRACE, ZORVAN_S3_INFO, ZORVAN_S3_DEBUG, ZORVAN_S3_WARN, ZORVAN_S3_ERROR}) {
+            const auto before = log_text().size();
+            zorvan_i_ZORVAN_S3_debug_handle.levels = level;
+            run();
+            zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
+            const auto log = log_text().substr(before);
+            // Without the traces no two threads write at once: then every line is whole.
+            std::istringstream written(log);
+            for (std::string line; whole_lines && level != ZORVAN_S3_TRACE && std::getline(written, line);)
+                EXPECT_TRUE(line.starts_with("s3: ")) << line;
+            for (const auto& line : lines)
+                EXPECT_EQ(log.find(line.line) != std::string::npos, line.level == level)
+                    << level << ": " << line.line;
+        }
+    }
+    /// The next call of that kind fails in a way that is worth a second try.
+    static void fail_next(S3Kind kind) {
+        s3_fail(kind, static_cast<int>(s3_calls(kind).size()) + 1, S3StatusErrorSlowDown);
     }
     static std::string cached_md5(const char* bucket, const char* key, const std::string& etag, size_t size) {
         char sum[zorvan_i_s3_md5sum_size] = "";
