@@ -30,6 +30,11 @@ class Sample:
     file: Path
     content: bytes
 
+    @property
+    def small(self):
+        """Uploads are the subject: the way back is gone with the smaller file alone."""
+        return len(self.content) < 100 * MIB
+
     @functools.cached_property
     def md5(self):
         return hashlib.md5(self.content).hexdigest()
@@ -66,11 +71,12 @@ def arrived(s3, bucket, sample):
 
 
 def test_lftp(lftp, bucket, sample, arrived, tmp_path):
-    """It announces the size, and fetches with four sessions."""
+    """It announces the size."""
     lftp(f"put {sample.file} -o /{bucket}/file", settings=["set ftp:use-allo yes"])
     arrived()
-    lftp(f"pget -n 4 /{bucket}/file -o back")
-    assert (tmp_path / "back").read_bytes() == sample.content
+    if sample.small:
+        lftp(f"pget -n 4 /{bucket}/file -o back")
+        assert (tmp_path / "back").read_bytes() == sample.content
 
 
 def test_curl(curl, bucket, sample, arrived, tmp_path):
@@ -78,9 +84,10 @@ def test_curl(curl, bucket, sample, arrived, tmp_path):
     up = curl(f"/{bucket}/file", "-T", sample.file)
     assert up.returncode == 0, up.stderr
     arrived()
-    down = curl(f"/{bucket}/file", "-o", tmp_path / "back")
-    assert down.returncode == 0, down.stderr
-    assert (tmp_path / "back").read_bytes() == sample.content
+    if sample.small:
+        down = curl(f"/{bucket}/file", "-o", tmp_path / "back")
+        assert down.returncode == 0, down.stderr
+        assert (tmp_path / "back").read_bytes() == sample.content
 
 
 @pytest.mark.parametrize("streams", [1, 4, 16])
@@ -91,7 +98,7 @@ def test_extended_mode(ftp, bucket, sample, arrived, streams):
     end = store_blocks(ftp, f"/{bucket}/file", sample.content, plans, size=256 << 10)
     assert end.code == 226, end.reply.lines
     arrived()
-    if len(sample.content) < 100 * MIB:  # a client in Python takes its time
+    if sample.small:
         end, blocks = retrieve(ftp, f"/{bucket}/file", streams)
         assert end.code == 226
         assert b"".join(block for _, block in blocks) == sample.content
@@ -100,6 +107,7 @@ def test_extended_mode(ftp, bucket, sample, arrived, streams):
 @pytest.mark.parametrize("streams", [1, 4, 16])
 def test_zorvan_copy(binaries, server, bucket, sample, arrived, tmp_path, streams):
     """It compares the sums too."""
+
     def copy(source, destination):
         command = [binaries.server.parent / "zorvan-copy", "--parallel", str(streams), source, destination]
         environment = {**os.environ, "ZORVAN_COPY_PASSWORD": server.passwords["alice"]}
@@ -109,8 +117,9 @@ def test_zorvan_copy(binaries, server, bucket, sample, arrived, tmp_path, stream
     remote = f"ftp://alice@{server.host}:{server.port}/{bucket}/file"
     copy(sample.file, remote)
     arrived()
-    copy(remote, tmp_path / "back")
-    assert (tmp_path / "back").read_bytes() == sample.content
+    if sample.small:
+        copy(remote, tmp_path / "back")
+        assert (tmp_path / "back").read_bytes() == sample.content
 
 
 # -- what it costs --------------------------------------------------------------------------------------------------------
@@ -124,7 +133,7 @@ def memory(pid, what):
 @pytest.mark.timeout(1200)
 def test_memory_does_not_grow_with_the_file(request, fresh_server, bucket, store, s3, uploads):
     """Zeros, because the store has to keep the file. `--sparse-size` makes it larger."""
-    part, piece, bound = 64 * MIB, bytes(MIB), 96 * MIB
+    part, piece, bound = 64 * MIB, bytes(MIB), 64 * MIB
     size = (request.config.getoption("--sparse-size") << 30) + part // 2
     gateway = fresh_server(extra_options={"part_size": part})
     before = memory(store.process.pid, "VmRSS")

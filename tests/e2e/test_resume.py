@@ -162,9 +162,19 @@ def test_rest_and_command(ftp, bucket, s3, stored_parts, command, announce):
     content = random_bytes(3 * PART + 5)
     interrupt(ftp, bucket, content, stored_parts, 2)
     kept = parts_of(s3, bucket)
+    assert list(kept) == [1, 2]
     reply = restart(ftp, bucket, content, 2 * PART, announce, command)
     assert reply.code == 226, reply.lines
-    assert list(kept) == [1, 2]
+    published(s3, bucket, content)
+
+
+@pytest.mark.parametrize("announce", [True, False], ids=["announced", "unannounced"])
+def test_esto_names_the_place(ftp, bucket, s3, stored_parts, announce):
+    content = random_bytes(3 * PART + 5)
+    interrupt(ftp, bucket, content, stored_parts, 2)
+    rest = memoryview(content)[2 * PART:]
+    reply = ftp.store(f"/{bucket}/file", rest, allocate=len(rest) if announce else None, command=f"ESTO A {2 * PART}")
+    assert reply.code == 226, reply.lines
     published(s3, bucket, content)
 
 
