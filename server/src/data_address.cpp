@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
@@ -76,7 +77,12 @@ eprt_verdict parse_eprt_argument(std::string_view text, ip::tcp::endpoint& endpo
     if (!protocol) return eprt_verdict::malformed;
     if (*protocol != 1 && *protocol != 2) return eprt_verdict::unknown_protocol;
     // A scope names an interface of the client's, which means nothing here.
-    const auto address = parse_address(fields[1].substr(0, fields[1].find('%')));
+    const std::size_t percent = std::min(fields[1].find('%'), fields[1].size());
+    const std::string_view scope = fields[1].substr(percent);
+    if (std::any_of(scope.begin(), scope.end(), [](char byte) { return byte <= ' ' || byte > '~'; })) {
+        return eprt_verdict::malformed;
+    }
+    const auto address = parse_address(fields[1].substr(0, percent));
     const auto port = parse_decimal(fields[2]);
     if (!address || !port || *port == 0 || *port > 65535) return eprt_verdict::malformed;
     if (address->is_v4() != (*protocol == 1)) return eprt_verdict::malformed;
