@@ -326,6 +326,49 @@ void read_collections(table_reader& root, const fs::path& file, server_config& c
     }
 }
 
+/**
+ * Find a letter beyond ASCII where TOML allows none: outside of strings and comments. toml++ 3.3 has
+ * undefined behaviour there (its search for Unicode blanks), so such a file must not reach it.
+ * @return the number of its line, counted from 1; 0 if there is none
+ */
+std::size_t line_of_stray_letter(std::string_view text) {
+    constexpr std::string_view byte_order_mark = "\xef\xbb\xbf";
+    if (text.starts_with(byte_order_mark)) text.remove_prefix(byte_order_mark.size());
+    std::size_t line = 1;
+    std::string_view end_of_string;  // empty outside of strings
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char byte = text[at];
+        if (byte == '\n') ++line;
+        if (!end_of_string.empty()) {
+            if (byte == '\\' && end_of_string.front() == '"') {
+                ++at;
+                if (at < text.size() && text[at] == '\n') ++line;
+            } else if (byte == '\n' && end_of_string.size() == 1) {
+                return 0;  // a string that was not closed: the parser gets no further
+            } else if (text.substr(at).starts_with(end_of_string)) {
+                at += end_of_string.size() - 1;
+                // Up to two quotes of its own may stand before the three that close a string.
+                if (end_of_string.size() == 3) {
+                    for (int more = 0; more < 2 && text.substr(at + 1).starts_with(end_of_string[0]); ++more)
+                        ++at;
+                }
+                end_of_string = {};
+            }
+        } else if (byte == '"' || byte == '\'') {
+            const std::string_view triple = byte == '"' ? R"(""")" : "'''";
+            const bool long_string = text.substr(at).starts_with(triple);
+            end_of_string = long_string ? triple : triple.substr(0, 1);
+            at += end_of_string.size() - 1;
+        } else if (byte == '#') {
+            at = std::min(text.find('\n', at), text.size());
+            ++line;
+        } else if (static_cast<unsigned char>(byte) >= 0x80) {
+            return line;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 std::string expand_path(const std::string& text) {
@@ -383,6 +426,10 @@ bool is_log_level(std::string_view text) {
 }
 
 server_config parse_config(std::string_view text, const fs::path& file) {
+    if (const std::size_t line = line_of_stray_letter(text)) {
+        throw config_error(fmt::format("{}:{}: a letter beyond ASCII stands outside of quotation marks",
+                                       file.string(), line));
+    }
     toml::table root;
     try {
         root = toml::parse(text, file.string());
