@@ -93,6 +93,18 @@ TEST_F(ChecksumCommand, ChangedObjectIsHashedAgain) {
     EXPECT_EQ(downloads(), 2u);
 }
 
+TEST_F(ChecksumCommand, SumOfATryThatFailedIsForgotten) {
+    object("data", multipart_etag);
+    Reply early;
+    early.status = S3StatusErrorSlowDown;
+    early.properties = Properties{};
+    early.properties->etag = "\"" + std::string(etag_md5) + "\"";
+    s3_script(S3Kind::head_object, early);
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(s3_calls(S3Kind::head_object).size(), 2u);
+    EXPECT_EQ(downloads(), 1u);
+}
+
 TEST_F(ChecksumCommand, MetadataIsTrustedMoreThanTheEtag) {
     object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", other_md5}});
     expect_success(*sum(), other_md5);

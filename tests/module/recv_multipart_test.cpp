@@ -701,6 +701,8 @@ TEST_F(RecvMultipart, LogOfAnUpload) {
           "finished_transfer: op=" + handle + " result=0\n"})
         EXPECT_TRUE(log_says(message)) << message;
     EXPECT_TRUE(logged("DEBUG", thread, "restart_marker: op=" + handle + " offset=0 length=100"));
+    const auto log = log_text();
+    EXPECT_LT(log.find("Registering read "), log.find("Waiting for current offset 0 "));
     EXPECT_TRUE(logged("INFO", thread, "result=ZORVAN_SUCCESS"));
 }
 

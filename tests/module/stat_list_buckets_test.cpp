@@ -1,4 +1,5 @@
 // The listing of the root: the buckets of a session.
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -228,6 +229,31 @@ TEST_F(ListBuckets, BucketSetThatCannotBeMadeIsAnEmptySuccess) {
     EXPECT_EQ(op.last_batch, 0);
     EXPECT_TRUE(s3_calls(S3Kind::list_service).empty());
     op.close();
+}
+
+TEST_F(ListBuckets, ExhaustedMemoryIsTheMallocError) {
+    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
+    s3_script_clear(S3Kind::list_service);
+    bool went_through = false;
+    int failures = 0;
+    for (long n = 2; n < 200 && !went_through; ++n) {
+        s3_script(S3Kind::list_service, service({{"one", 5}, {"two", 6}}));
+        Operation op;
+        set_thread_mode(ThreadMode::deferred);
+        call_stat(op, "/", false);
+        fail_allocation(n);
+        run_deferred_threads();
+        went_through = !allocation_failed();
+        fail_allocation(0);
+        s3_script_clear(S3Kind::list_service);
+        if (op.finish().result != ZORVAN_SUCCESS) {
+            ++failures;
+            expect_system(op.finish().error, "malloc", ENOMEM);
+        }
+        op.close();
+    }
+    EXPECT_TRUE(went_through);
+    EXPECT_GT(failures, 0);
 }
 
 using ListBucketsDeathTest = ListBuckets;
