@@ -237,6 +237,9 @@ void read_server(const toml::table& table, const fs::path& file, server_config& 
     if (const auto value = reader.number("checksums_per_user", 1, 10000)) {
         config.checksums_per_user = static_cast<std::size_t>(*value);
     }
+    if (const auto value = reader.number("data_connections", 1, 1024)) {
+        config.data_connections = static_cast<std::size_t>(*value);
+    }
     reader.end();
 }
 
@@ -288,6 +291,9 @@ void read_timeouts(const toml::table& table, const fs::path& file, server_config
     reader.read_seconds("data_stall", config.data_stall);
     reader.read_seconds("receive_wait", config.receive_wait);
     reader.read_seconds("shutdown", config.shutdown);
+    if (const auto value = reader.number("held_up_ms", 1, 60000)) {
+        config.held_up = std::chrono::milliseconds{*value};
+    }
     reader.end();
 }
 

@@ -54,6 +54,7 @@ struct server_config {
     int concurrency = 4;                /**< blocks in flight per transfer */
     int update_interval = 5;            /**< seconds between progress replies; 0 = none */
     std::size_t checksums_per_user = 8; /**< checksums that run for one user at a time, over all sessions */
+    std::size_t data_connections = 32;  /**< of one transfer in extended mode */
 
     // [backend]
     std::string backend_name = "ceph";
@@ -82,6 +83,7 @@ struct server_config {
     std::chrono::seconds data_stall{300};
     std::chrono::seconds receive_wait{60};
     std::chrono::seconds shutdown{60};
+    std::chrono::milliseconds held_up{200}; /**< extended mode: blocks far ahead wait so long for others */
 
     std::vector<collection_config> collections;
 };

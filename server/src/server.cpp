@@ -48,6 +48,8 @@ host_config make_host_config(const server_config& config) {
     result.spool.directory = config.spool_directory;
     result.spool.memory = config.spool_memory;
     result.spool.limit = config.spool_limit;
+    result.most_connections = config.data_connections;
+    result.held_up_wait = config.held_up;
     result.data_stall = config.data_stall;
     result.receive_wait = config.receive_wait;
     return result;

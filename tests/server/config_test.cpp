@@ -70,6 +70,7 @@ block_size = "1MiB"
 concurrency = 7
 update_interval = 9
 checksums_per_user = 3
+data_connections = 16
 [backend]
 name = "memory"
 module_dir = "/m"
@@ -90,6 +91,7 @@ data_connect = 3
 data_stall = 4
 receive_wait = 5
 shutdown = 6
+held_up_ms = 7
 [[collection]]
 name = "a"
 hosts = ["A.example"]
@@ -111,6 +113,8 @@ name = "b"
     EXPECT_EQ(config.concurrency, 7);
     EXPECT_EQ(config.update_interval, 9);
     EXPECT_EQ(config.checksums_per_user, 3U);
+    EXPECT_EQ(config.data_connections, 16U);
+    EXPECT_EQ(config.held_up.count(), 7);
     EXPECT_EQ(config.backend_name, "memory");
     EXPECT_EQ(config.module_dir, "/m");
     EXPECT_EQ(config.backend_options, "/etc/z/x.conf");
@@ -163,6 +167,14 @@ TEST(Config, MistakesNameFileLineAndKey) {
     EXPECT_EQ(problem("users = 1\n"), "s.toml:1: users: must be a table, not a whole number");
     EXPECT_EQ(problem("[[collection]]\nhosts = []\n"),
               "s.toml:1: collection.name: every collection needs a name");
+    EXPECT_EQ(problem("[server]\ndata_connections = 0\n"),
+              "s.toml:2: server.data_connections: 0 is not between 1 and 1024");
+    EXPECT_EQ(problem("[server]\ndata_connections = 1025\n"),
+              "s.toml:2: server.data_connections: 1025 is not between 1 and 1024");
+    EXPECT_EQ(problem("[timeouts]\nheld_up_ms = 0\n"),
+              "s.toml:2: timeouts.held_up_ms: 0 is not between 1 and 60000");
+    EXPECT_EQ(problem("[timeouts]\nheld_up_ms = 60001\n"),
+              "s.toml:2: timeouts.held_up_ms: 60001 is not between 1 and 60000");
     EXPECT_EQ(problem("[timeouts]\nidle = 0\n"), "s.toml:2: timeouts.idle: 0 is not between 1 and 604800");
 }
 
@@ -296,4 +308,6 @@ TEST(Config, TheShippedExampleShowsTheDefaults) {
     EXPECT_EQ(shown.data_stall, defaults.data_stall);
     EXPECT_EQ(shown.receive_wait, defaults.receive_wait);
     EXPECT_EQ(shown.shutdown, defaults.shutdown);
+    EXPECT_EQ(shown.data_connections, defaults.data_connections);
+    EXPECT_EQ(shown.held_up, defaults.held_up);
 }
