@@ -20,6 +20,7 @@
 #include "data_stream.h"
 #include "host.h"
 #include "operation_error.h"
+#include "range_list.h"
 
 namespace zorvan::gridftp {
 
@@ -120,6 +121,13 @@ struct receive_request {
     std::optional<std::int64_t> modification_time;  ///< seconds since the epoch
 };
 
+/// How far a transfer in extended mode has come.
+struct transfer_progress {
+    std::uint64_t bytes = 0;       ///< moved; of an upload, that the back end has taken
+    range_list durable;            ///< of an upload: ranges of the file that can be left out of a restart
+    bool durable_changed = false;  ///< since the last report that was taken
+};
+
 /// What a transfer tells the session while it runs.
 class transfer_events {
   public:
@@ -131,6 +139,9 @@ class transfer_events {
     /// ends its data connection as neatly as one that is done, so look at the socket (a peek), not only at
     /// what was read from it.
     virtual bool control_alive() noexcept { return true; }
+    /// Extended mode: called at the update interval, after on_first_data() and not after the transfer's end.
+    /// Must not wait for the client. @return false: not taken, the client has not read what was sent before
+    virtual bool on_progress(const transfer_progress& /*progress*/) { return true; }
 };
 
 struct transfer_outcome {
@@ -138,6 +149,8 @@ struct transfer_outcome {
     bool aborted = false;                  ///< abort() came before the end
     bool store_confirmed = false;          ///< the back end finished with success
     std::uint64_t bytes = 0;               ///< moved over the data connection
+    /// Of a failed upload in extended mode: the durable ranges, if the client does not know of them yet.
+    std::optional<range_list> restart;
 };
 
 class backend_session;

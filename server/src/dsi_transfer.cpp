@@ -58,7 +58,7 @@ void zorvan_gridftp_server_update_bytes_recvd(zorvan_gridftp_server_operation_t 
 void zorvan_gridftp_server_update_range_recvd(zorvan_gridftp_server_operation_t op, zorvan_off_t offset,
                                               zorvan_off_t length) {
     auto found = operation::find(op);
-    if (found && length > 0) {
+    if (found && offset >= 0 && length > 0) {
         // A range that is not offered as a restart point costs a repetition, no more.
         (void)run_without_throwing([&] { found->add_durable_range(offset, length); });
     }
@@ -123,8 +123,9 @@ zorvan_result_t zorvan_gridftp_server_get_update_interval(zorvan_gridftp_server_
     if (!found || seconds == nullptr) {
         return ZORVAN_FAILURE;
     }
+    const auto interval = found->session()->shared.config().update_interval;
     *seconds = found->records.wants_progress
-                   ? static_cast<int>(found->session()->shared.config().update_interval.count())
+                   ? static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(interval).count())
                    : 0;
     return ZORVAN_SUCCESS;
 }

@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <limits>
+
 #include "ftp_time.h"
 #include "replies.h"
 #include "server_log.h"
@@ -118,7 +120,8 @@ task<void> handle_eret(session& client, std::string_view argument) {
     }
     const auto offset = parse_decimal(first.verb);
     const auto length = parse_decimal(second.verb);
-    if (!offset || !length || second.argument.empty()) {
+    const bool fits = offset && length && *length <= std::numeric_limits<std::int64_t>::max() - *offset;
+    if (!fits || second.argument.empty()) {
         co_await client.answer(501, texts::bad_argument);
         co_return;
     }

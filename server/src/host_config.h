@@ -18,11 +18,11 @@ struct spool_config {
 };
 
 struct host_config {
-    std::size_t block_size = 262144;             ///< bytes of one read or write of a back end
-    int concurrency = 4;                         ///< reads or writes outstanding
-    std::chrono::seconds update_interval{5};     ///< between progress replies; 0 = none
-    std::size_t checksums_per_user = 8;          ///< checksums that run for one user at a time
-    std::optional<std::string> backend_options;  ///< the back end's option string
+    std::size_t block_size = 262144;                   ///< bytes of one read or write of a back end
+    int concurrency = 4;                               ///< reads or writes outstanding
+    std::chrono::milliseconds update_interval{5'000};  ///< between progress replies; 0 = none
+    std::size_t checksums_per_user = 8;                ///< checksums that run for one user at a time
+    std::optional<std::string> backend_options;        ///< the back end's option string
     spool_config spool;
     std::chrono::milliseconds data_stall{300'000};     ///< a client that moves nothing for so long is cut
     std::chrono::milliseconds receive_wait{60'000};    ///< a second upload to one path waits so long

@@ -343,16 +343,13 @@ void operation::count_received(std::int64_t bytes) {
 
 void operation::add_durable_range(std::int64_t offset, std::int64_t length) {
     guard held(*this);
-    if (!durable_.empty() && durable_.back().offset + durable_.back().length == offset) {
-        durable_.back().length += length;
-    } else {
-        durable_.push_back({offset, length});
-    }
+    const auto begin = static_cast<std::uint64_t>(offset);
+    durable_.add(begin, begin + static_cast<std::uint64_t>(length));
 }
 
-receive_progress operation::progress_of_receive() {
+transfer_progress operation::progress_of_receive() {
     guard held(*this);
-    return {received_, durable_};
+    return {received_, durable_, false};
 }
 
 int operation::concurrency() const noexcept {

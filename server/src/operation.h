@@ -102,12 +102,6 @@ struct operation_records {
     std::size_t connections = 0;  ///< extended mode: data connections that there may be; 0 = stream mode
 };
 
-/// How far an upload has come at its back end.
-struct receive_progress {
-    std::uint64_t bytes = 0;
-    std::vector<byte_range> durable;  ///< in the order in which they were reported
-};
-
 class operation final : public pool_task, public std::enable_shared_from_this<operation> {
   public:
     /// A new operation. `event` is notified of everything its coroutine may wait for.
@@ -170,8 +164,10 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     zorvan_result_t register_read(const read_request& request) noexcept;
     zorvan_result_t register_write(const write_request& request) noexcept;
     void count_received(std::int64_t bytes);
+    /// @param offset, length  neither negative
     void add_durable_range(std::int64_t offset, std::int64_t length);
-    receive_progress progress_of_receive();
+    /// How far an upload has come at its back end.
+    transfer_progress progress_of_receive();
     /// What get_optimal_concurrency says: as configured, but not above the number of blocks that an announced
     /// upload has. Constant once the operation was started.
     int concurrency() const noexcept;
@@ -296,7 +292,7 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
 
     std::size_t next_range_ = 0;
     std::uint64_t received_ = 0;
-    std::vector<byte_range> durable_;
+    range_list durable_;
 };
 
 }  // namespace zorvan::gridftp

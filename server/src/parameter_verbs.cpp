@@ -160,7 +160,7 @@ task<void> handle_spas(session& client, std::string_view) {
         co_return;
     }
     if (!client.local_address().is_v4()) {
-        co_await client.answer(425, texts::pasv_needs_ipv4);
+        co_await client.answer(425, texts::spas_needs_ipv4);
         co_return;
     }
     const std::optional<std::uint16_t> port = co_await listen_for_data(client);
@@ -173,6 +173,10 @@ task<void> handle_spas(session& client, std::string_view) {
 task<void> handle_spor(session& client, std::string_view argument) {
     if (client.parameters().only_epsv) {
         co_await client.answer(503, texts::only_epsv);
+        co_return;
+    }
+    if (!client.client_address().is_v4()) {
+        co_await client.answer(504, texts::spor_needs_ipv4);
         co_return;
     }
     const std::vector<std::string_view> stripes = split_words(argument);

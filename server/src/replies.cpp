@@ -28,4 +28,20 @@ std::string multi_line_reply(int code, std::string_view first, const std::vector
     return text;
 }
 
+std::string range_marker(std::string_view ranges) {
+    return reply(111, fmt::format("Range Marker {}", ranges));
+}
+
+std::string performance_marker(std::chrono::system_clock::time_point time, std::uint64_t bytes) {
+    const auto tenths =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() / 100;
+    const std::vector<std::string> lines{
+        fmt::format("Timestamp: {}.{}", tenths / 10, tenths % 10),
+        "Stripe Index: 0",
+        fmt::format("Stripe Bytes Transferred: {}", bytes),
+        "Total Stripe Count: 1",
+    };
+    return multi_line_reply(112, "Perf Marker", lines, "End");
+}
+
 }  // namespace zorvan::gridftp

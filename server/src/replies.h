@@ -6,6 +6,8 @@
  */
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +26,12 @@ std::string multi_line_reply(int code, std::string_view first, const std::vector
 
 /** One line of the middle of a reply, with CRLF. */
 std::string reply_line(std::string_view text);
+
+/** The 111 marker of an upload in extended mode (GFD.20). @param ranges  as range_list::text() */
+std::string range_marker(std::string_view ranges);
+
+/** The 112 marker of a transfer in extended mode (GFD.20): of the only stripe. @param bytes  moved so far */
+std::string performance_marker(std::chrono::system_clock::time_point time, std::uint64_t bytes);
 
 /** Fixed texts, by what has happened. */
 namespace texts {
@@ -72,6 +80,8 @@ inline constexpr std::string_view one_stripe = "This server has one stripe: name
 inline constexpr std::string_view cannot_listen = "Cannot open a data port.";
 inline constexpr std::string_view only_epsv = "Only EPSV is accepted after EPSV ALL.";
 inline constexpr std::string_view pasv_needs_ipv4 = "PASV works over IPv4 only; use EPSV.";
+inline constexpr std::string_view spas_needs_ipv4 = "SPAS works over IPv4 only; use EPSV.";
+inline constexpr std::string_view spor_needs_ipv4 = "SPOR works over IPv4 only; use EPRT.";
 inline constexpr std::string_view port_refused =
     "Data connections go to the client's own address and to ports above 1023.";
 inline constexpr std::string_view opening_data = "Opening the data connection.";

@@ -72,7 +72,6 @@ session::session(const session_environment& environment, asio::ip::tcp::socket s
       local_address_(local_address_of(socket)),
       line_event_(executor_),
       room_event_(executor_),
-      sent_event_(executor_),
       helper_event_(executor_),
       watchdog_(executor_),
       began_(clock::now()),
@@ -97,15 +96,21 @@ void session::log(int level, std::string_view text) const {
 void session::start_helper(task<void> body) {
     ++helpers_;
     auto self = shared_from_this();
-    asio::co_spawn(executor_, std::move(body), [self](const std::exception_ptr& error) {
-        if (error) {
-            self->log(ZORVAN_GFS_LOG_ERROR, "the session ends: out of resources");
-            self->input_ended(true);
-        }
-        --self->helpers_;
-        self->helper_event_.notify();
-        self->watchdog_.cancel();
-    });
+    try {
+        asio::co_spawn(executor_, std::move(body), [self](const std::exception_ptr& error) {
+            if (error) {
+                self->log(ZORVAN_GFS_LOG_ERROR, "the session ends: out of resources");
+                self->input_ended(true);
+            }
+            --self->helpers_;
+            self->helper_event_.notify();
+            self->watchdog_.cancel();
+        });
+    } catch (...) {
+        // It has not begun and will not end.
+        --helpers_;
+        throw;
+    }
 }
 
 task<void> session::run() {
@@ -115,6 +120,8 @@ task<void> session::run() {
     start_helper(watch());
     try {
         co_await serve();
+        // What another coroutine is sending goes out before the end of the connection.
+        co_await wait_for_output(0);
     } catch (const std::exception& error) {
         log(ZORVAN_GFS_LOG_ERROR, fmt::format("the session ends: {}", error.what()));
     }
@@ -299,11 +306,43 @@ task<void> session::send(std::string text) {
     if (lost_) co_return;
     output_ += text;
     if (writing_) {
-        while (writing_ && output_.size() > most_unsent && !lost_)
-            co_await sent_event_.wait();
+        co_await wait_for_output(most_unsent);
         co_return;
     }
     writing_ = true;
+    co_await write_output();
+}
+
+bool session::offer(std::string text) {
+    if (lost_ || done_ || writing_) return false;
+    output_ = std::move(text);
+    writing_ = true;
+    try {
+        start_helper(write_output());
+    } catch (const std::exception&) {
+        writing_ = false;
+        output_.clear();
+        return false;
+    }
+    return true;
+}
+
+void session::wake_senders() {
+    for (const async_event& each : senders_)
+        each.notify();
+}
+
+/** Wait until at most so much waits behind what is being written; 0: until nothing is. */
+task<void> session::wait_for_output(std::size_t most) {
+    const auto blocked = [this, most] { return writing_ && !lost_ && (most == 0 || output_.size() > most); };
+    if (!blocked()) co_return;
+    const auto own = senders_.emplace(senders_.end(), executor_);
+    while (blocked())
+        co_await own->wait();
+    senders_.erase(own);
+}
+
+task<void> session::write_output() {
     while (!output_.empty() && !lost_) {
         const std::string chunk = std::exchange(output_, {});
         std::size_t done = 0;
@@ -315,10 +354,10 @@ task<void> session::send(std::string text) {
             done += result.bytes;
             if (result.error) input_ended(true);
         }
-        sent_event_.notify();
+        wake_senders();
     }
     writing_ = false;
-    sent_event_.notify();
+    wake_senders();
 }
 
 task<void> session::answer(int code, std::string_view text) {
@@ -336,7 +375,7 @@ void session::input_ended(bool lost) {
     }
     line_event_.notify();
     room_event_.notify();
-    sent_event_.notify();
+    wake_senders();
 }
 
 bool session::client_is_there() const noexcept {

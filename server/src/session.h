@@ -15,6 +15,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -102,6 +103,8 @@ class session : public std::enable_shared_from_this<session> {
     task<void> send(std::string text);
     /** Send a reply of one line. */
     task<void> answer(int code, std::string_view text);
+    /** Send a reply if nothing else is being sent, without waiting. @return whether it was taken */
+    bool offer(std::string text);
 
     /** End the session after this command. */
     void close_after_reply() { closing_ = true; }
@@ -161,6 +164,9 @@ class session : public std::enable_shared_from_this<session> {
     task<void> serve();
     task<void> dispatch(std::string line);
     task<void> take_line(std::string line, bool too_long);
+    task<void> write_output();
+    task<void> wait_for_output(std::size_t most);
+    void wake_senders();
     void start_helper(task<void> body);
     void end(std::string_view reason);
     void note_activity();
@@ -192,10 +198,10 @@ class session : public std::enable_shared_from_this<session> {
     std::unique_ptr<backend_session> storage_;
 
     std::deque<waiting_line> waiting_;
-    async_event line_event_;   /**< a line was queued, or the input's or the session's end came */
-    async_event room_event_;   /**< a line was taken from the queue */
-    async_event sent_event_;   /**< the output went down */
-    async_event helper_event_; /**< the reader or the watchdog has ended */
+    async_event line_event_;         /**< a line was queued, or the input's or the session's end came */
+    async_event room_event_;         /**< a line was taken from the queue */
+    async_event helper_event_;       /**< a helper has ended */
+    std::list<async_event> senders_; /**< of the coroutines that wait until the output goes down */
     asio::steady_timer watchdog_;
 
     std::string output_;
@@ -214,7 +220,7 @@ class session : public std::enable_shared_from_this<session> {
     bool input_ended_ = false;
     bool lost_ = false;     /**< nothing can be sent any more */
     bool done_ = false;     /**< the last reply is out; what still arrives is dropped */
-    unsigned helpers_ = 0;  /**< reader and watchdog that still run */
+    unsigned helpers_ = 0;  /**< coroutines beside run() that still run: reader, watchdog, writer */
     std::string end_reply_; /**< the 421 to end with; "" = none */
     unsigned bad_commands_ = 0;
     std::chrono::steady_clock::time_point began_;

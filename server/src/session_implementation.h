@@ -7,6 +7,7 @@
 
 #include "backend_session.h"
 #include "operation.h"
+#include "progress_reporter.h"
 #include "spool.h"
 #include "transfer_channel.h"
 
@@ -44,9 +45,12 @@ class backend_session::implementation {
     task<spooled> spool_upload(const receive_request& request, data_connector& connector,
                                transfer_events& events);
     task<spooled> spool_blocks(const receive_request& request, data_connector& connector,
-                               transfer_events& events);
+                               progress_reporter& events);
     task<std::optional<operation_error>> check_bucket(const std::string& path);
-    task<transfer_outcome> transfer(std::shared_ptr<operation> op);
+    /// @param reporter  of a transfer in extended mode; null: stream mode
+    task<transfer_outcome> transfer(std::shared_ptr<operation> op, progress_reporter* reporter);
+    /// @param kept  bytes in front of what an upload brings
+    std::shared_ptr<progress_reporter> make_reporter(transfer_events& events, std::uint64_t kept);
 
     /// Marks the time of one operation's coroutine.
     class operation_scope {

@@ -90,6 +90,12 @@ class session::first_data final : public transfer_events {
         co_await owner_.announce_data();
     }
     bool control_alive() noexcept override { return owner_.client_is_there(); }
+    bool on_progress(const transfer_progress& progress) override {
+        std::string markers;
+        if (progress.durable_changed) markers = range_marker(progress.durable.text());
+        markers += performance_marker(std::chrono::system_clock::now(), progress.bytes);
+        return owner_.offer(std::move(markers));
+    }
 
   private:
     session& owner_;
@@ -354,6 +360,7 @@ task<void> session::finish_transfer(std::string_view verb, const std::string& pa
     }
     log(ZORVAN_GFS_LOG_TRANSFER,
         fmt::format("{} {} bytes={} reply={}", verb, printable(path), outcome.bytes, text.substr(0, 3)));
+    if (outcome.restart) text.insert(0, range_marker(outcome.restart->text()));
     co_await send(std::move(text));
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <limits>
 #include <new>
 #include <thread>
 #include <utility>
@@ -27,6 +28,15 @@ constexpr std::chrono::milliseconds memory_pause{10};
 
 operation_error aborted_error() {
     return operation_error::channel(426, "Transfer aborted. Data connection closed.");
+}
+
+operation_error too_large() {
+    return operation_error::server(552, {}, "The file would be larger than files can be.");
+}
+
+/// Would a file with so many bytes from `begin` on have offsets that do not fit?
+bool ends_beyond_files(std::int64_t begin, std::uint64_t size) {
+    return size > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max() - begin);
 }
 
 /// Ends reads of a client that sends nothing for too long.
@@ -90,7 +100,14 @@ std::string bucket_path(const std::string& path) {
 
 }  // namespace
 
-task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr<operation> op) {
+std::shared_ptr<progress_reporter> backend_session::implementation::make_reporter(transfer_events& events,
+                                                                                  std::uint64_t kept) {
+    return std::make_shared<progress_reporter>(strand, events, core->shared.config().update_interval, kept,
+                                               [this] { return stopped(); });
+}
+
+task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr<operation> op,
+                                                                 progress_reporter* reporter) {
     const running_operation current(*this, op);
     if (stopped()) {
         op->channel->abort();
@@ -109,6 +126,13 @@ task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr
     transfer_outcome outcome;
     outcome.aborted = stopped();
     outcome.bytes = op->channel->bytes();
+    std::optional<range_list> restart;
+    if (reporter != nullptr) {
+        reporter->stop();
+        if (!sends && !outcome.aborted) {
+            restart = reporter->unreported();
+        }
+    }
     operation::guard held(*op);
     outcome.store_confirmed = op->succeeded_locked();
     const auto& channel_error = op->channel_error_locked();
@@ -117,6 +141,9 @@ task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr
         outcome.error = channel_error;
     } else {
         outcome.error = op->error_locked();
+    }
+    if (outcome.error) {
+        outcome.restart = std::move(restart);
     }
     co_return outcome;
 }
@@ -136,13 +163,17 @@ task<transfer_outcome> backend_session::send(send_request request, data_connecto
     op->records.transfer_info.pathname = op->records.path.c_str();
     op->records.transfer_info.stripe_count = 1;
     op->records.connections = request.connections;
-    if (request.connections > 0) {
-        op->channel =
-            std::make_shared<extended_sender>(*op, self.strand, connector, events, request.offset_shift);
-    } else {
+    if (request.connections == 0) {
         op->channel = std::make_shared<stream_sender>(*op, self.strand, connector, events);
+        co_return co_await self.transfer(op, nullptr);
     }
-    co_return co_await self.transfer(op);
+    const auto reporter = self.make_reporter(events, 0);
+    const progress_reporter::scope stop_reporter(reporter);
+    op->records.wants_progress = true;
+    op->channel =
+        std::make_shared<extended_sender>(*op, self.strand, connector, *reporter, request.offset_shift);
+    reporter->look_at([op = op.get()] { return transfer_progress{op->channel->bytes(), {}, false}; });
+    co_return co_await self.transfer(op, reporter.get());
 }
 
 task<std::optional<operation_error>> backend_session::implementation::check_bucket(const std::string& path) {
@@ -268,7 +299,7 @@ task<backend_session::implementation::spooled> backend_session::implementation::
 
 // As spool_upload(), in extended mode.
 task<backend_session::implementation::spooled> backend_session::implementation::spool_blocks(
-    const receive_request& request, data_connector& connector, transfer_events& events) {
+    const receive_request& request, data_connector& connector, progress_reporter& events) {
     spooled result;
     struct forget {
         std::function<void()>& hook;
@@ -291,9 +322,11 @@ task<backend_session::implementation::spooled> backend_session::implementation::
         co_return refusal;
     };
     const std::function<bool()> alive = [&events] { return events.control_alive(); };
+    events.look_at([intake] { return transfer_progress{intake->bytes(), {}, false}; });
     result.error = co_await intake->run(check, alive);
     on_interrupt = nullptr;
     result.bytes = intake->bytes();
+    events.look_at([bytes = result.bytes] { return transfer_progress{bytes, {}, false}; });
     if (stopped()) {
         result.error = aborted_error();
     }
@@ -317,6 +350,15 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
         request.announced_size.reset();
     }
 
+    std::shared_ptr<progress_reporter> reporter;
+    if (request.extended) {
+        reporter = self.make_reporter(events, static_cast<std::uint64_t>(request.write_offset));
+    }
+    const progress_reporter::scope stop_reporter(reporter);
+    if (request.announced_size && ends_beyond_files(request.write_offset, *request.announced_size)) {
+        outcome.error = too_large();
+        co_return outcome;
+    }
     implementation::spooled received;
     const bool spools = !request.announced_size;
     if (spools) {
@@ -326,7 +368,7 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
             co_return outcome;
         }
         if (request.extended) {
-            received = co_await self.spool_blocks(request, connector, events);
+            received = co_await self.spool_blocks(request, connector, *reporter);
         } else {
             received = co_await self.spool_upload(request, connector, events);
         }
@@ -369,6 +411,11 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
                                    : 0;
     }
 
+    if (spools && ends_beyond_files(request.write_offset, received.data->size())) {
+        outcome.error = too_large();
+        co_return outcome;
+    }
+
     auto op = co_await self.begin(operation_kind::receive);
     auto& records = op->records;
     records.path = std::move(request.path);
@@ -394,14 +441,25 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
         op->channel = std::make_shared<spool_channel>(*op, std::move(received.data));
     } else if (request.extended) {
         records.connections = shared.config().most_connections;
-        op->channel = std::make_shared<extended_receiver>(*op, self.strand, connector, events, size,
+        op->channel = std::make_shared<extended_receiver>(*op, self.strand, connector, *reporter, size,
                                                           request.offset_shift);
     } else {
         op->channel = std::make_shared<stream_receiver>(*op, self.strand, connector, events, size,
                                                         std::move(checked_md5));
     }
+    if (reporter) {
+        records.wants_progress = true;
+        const bool durable = self.core->module.has(ZORVAN_GRIDFTP_SERVER_DSI_DURABLE_RANGES);
+        reporter->look_at([op = op.get(), durable] {
+            auto progress = op->progress_of_receive();
+            if (!durable) {
+                progress.durable = {};
+            }
+            return progress;
+        });
+    }
     op->hold(std::move(lock));
-    co_return co_await self.transfer(op);
+    co_return co_await self.transfer(op, reporter.get());
 }
 
 }  // namespace zorvan::gridftp

@@ -2,8 +2,13 @@
 // data that do and do not add up, restarts, and clients that break the rules.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <map>
+#include <regex>
 #include <thread>
 #include <vector>
 
@@ -498,4 +503,320 @@ TEST(LiveExtendedDownload, AClientThatVanishesIsNoTrouble) {
     first.reset();
     EXPECT_EQ(client.reply().code, 426);
     EXPECT_EQ(client.command("NOOP").code, 200);
+}
+
+// ------------------------------------------------------------------------------- markers
+
+namespace {
+
+/// The back end reports what it has stored, and says that it is durable or not. Made before the server.
+class ReportedRanges {
+  public:
+    explicit ReportedRanges(bool durable) { store().report_ranges(1, durable ? 1 : 0); }
+    ~ReportedRanges() { store().report_ranges(0, 0); }
+    ReportedRanges(const ReportedRanges&) = delete;
+    ReportedRanges& operator=(const ReportedRanges&) = delete;
+    /// Wait until so many bytes have been reported since.
+    bool come_to(std::uint64_t bytes) const {
+        return eventually([&] { return store().reported_bytes() - before_ >= bytes; });
+    }
+
+  private:
+    std::uint64_t before_ = store().reported_bytes();
+};
+
+constexpr const char* each_second = "[server]\nupdate_interval = 1\n";
+constexpr const char* no_interval = "[server]\nupdate_interval = 0\n";
+
+/// The bytes that a performance marker tells; it is checked letter by letter. -1: it is none
+std::int64_t bytes_of(const Reply& marker) {
+    static const std::regex form(
+        "112-Perf Marker\r\n Timestamp: ([0-9]+)\\.[0-9]\r\n Stripe Index: 0\r\n"
+        " Stripe Bytes Transferred: ([0-9]+)\r\n Total Stripe Count: 1\r\n112 End\r\n");
+    std::smatch parts;
+    if (!std::regex_match(marker.text, parts, form)) {
+        ADD_FAILURE() << marker.text;
+        return -1;
+    }
+    EXPECT_LE(std::llabs(std::stoll(parts[1]) - std::time(nullptr)), 60);
+    return std::stoll(parts[2]);
+}
+
+/// A session whose markers tell the others' time: wait until it got so many.
+class MarkerClock {
+  public:
+    explicit MarkerClock(LiveServer& server) : up_(server) {
+        up_.connect(1);
+        EXPECT_EQ(up_.client.command("ALLO 10").code, 200);
+        up_.client.send("STOR /bucket/clock\r\n");
+        EXPECT_EQ(up_.client.reply().code, 150);
+    }
+    ~MarkerClock() {
+        up_.sockets[0].write(block("0123456789", 0) + end_of_file(1));
+        EXPECT_EQ(up_.final_reply().code, 226);
+    }
+    MarkerClock(const MarkerClock&) = delete;
+    MarkerClock& operator=(const MarkerClock&) = delete;
+    void wait(int markers) {
+        for (int i = 0; i < markers; ++i)
+            EXPECT_EQ(up_.client.reply().code, 112);
+    }
+
+  private:
+    Uploader up_;
+};
+
+}  // namespace
+
+TEST(LiveExtendedMarkers, TellHowFarAnUploadHasCome) {
+    const ReportedRanges ranges(true);
+    LiveServer server(each_second);
+    Uploader up(server);
+    up.connect(1);
+    EXPECT_EQ(up.client.command("ALLO 10").code, 200);
+    up.client.send("STOR /bucket/x\r\n");
+    up.sockets[0].write(block("01234", 0));
+    EXPECT_EQ(up.client.reply().code, 150) << "before any marker";
+    ASSERT_TRUE(ranges.come_to(5));
+    Reply marker = up.client.reply();
+    while (marker.code == 112 && bytes_of(marker) == 0)
+        marker = up.client.reply();
+    EXPECT_EQ(marker.text, "111 Range Marker 0-5\r\n");
+    EXPECT_EQ(bytes_of(up.client.reply()), 5);
+    EXPECT_EQ(bytes_of(up.client.reply()), 5) << "an unchanged set of ranges is not told again";
+    up.sockets[0].write(block("5678", 5));
+    ASSERT_TRUE(ranges.come_to(9));
+    do {
+        marker = up.client.reply();
+        ASSERT_TRUE(marker.code == 111 || marker.code == 112) << marker.text;
+    } while (marker.text != "111 Range Marker 0-9\r\n");
+    up.sockets[0].write(block("9", 9) + end_of_file(1));
+    EXPECT_EQ(up.final_reply().code, 226);
+    EXPECT_EQ(up.client.command("NOOP").code, 200) << "nothing comes behind the final reply";
+    EXPECT_EQ(content("/bucket/x"), "0123456789");
+}
+
+TEST(LiveExtendedMarkers, CountWhatARestartKept) {
+    const ReportedRanges ranges(true);
+    LiveServer server(each_second);
+    for (const bool adjusted : {false, true}) {
+        put("/bucket/x", "0123456789");
+        Uploader up(server);
+        up.connect(1);
+        if (!adjusted) {
+            EXPECT_EQ(up.client.command("REST 0-4").code, 350);
+        }
+        EXPECT_EQ(up.client.command("ALLO 6").code, 200);
+        up.client.send(adjusted ? "ESTO A 4 /bucket/x\r\n" : "STOR /bucket/x\r\n");
+        EXPECT_EQ(up.client.reply().code, 150);
+        up.sockets[0].write(block("abc", adjusted ? 0 : 4));
+        Reply marker = up.client.reply();
+        while (marker.code == 112)
+            marker = up.client.reply();
+        EXPECT_EQ(marker.text, "111 Range Marker 0-7\r\n");
+        up.sockets[0].write(block("def", adjusted ? 3 : 7) + end_of_file(1));
+        EXPECT_EQ(up.final_reply().code, 226);
+        EXPECT_EQ(content("/bucket/x"), "0123abcdef");
+    }
+}
+
+TEST(LiveExtendedMarkers, OfRangesComeFromDurableOnesAlone) {
+    const ReportedRanges ranges(false);
+    LiveServer server(each_second);
+    Uploader up(server);
+    up.connect(1);
+    EXPECT_EQ(up.client.command("ALLO 10").code, 200);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    up.sockets[0].write(block("01234", 0));
+    ASSERT_TRUE(ranges.come_to(5));
+    EXPECT_EQ(up.client.reply().code, 112);
+    EXPECT_EQ(bytes_of(up.client.reply()), 5);
+    up.sockets[0].close();
+    EXPECT_EQ(up.client.reply().code, 426);
+}
+
+TEST(LiveExtendedMarkers, AFailedUploadTellsWhatItLeaves) {
+    const ReportedRanges ranges(true);
+    LiveServer server(no_interval);
+    for (const bool aborted : {false, true}) {
+        const ReportedRanges reported(true);
+        Uploader up(server);
+        up.connect(1);
+        EXPECT_EQ(up.client.command("ALLO 10").code, 200);
+        up.client.send("STOR /bucket/x\r\n");
+        EXPECT_EQ(up.client.reply().code, 150);
+        up.sockets[0].write(block("01234", 0));
+        ASSERT_TRUE(reported.come_to(5));
+        if (aborted) {
+            up.client.send("ABOR\r\n");
+            EXPECT_EQ(up.client.reply().code, 426) << "no marker behind ABOR";
+            EXPECT_EQ(up.client.reply().code, 226);
+        } else {
+            up.sockets[0].close();
+            EXPECT_EQ(up.client.reply().text, "111 Range Marker 0-5\r\n");
+            EXPECT_EQ(up.client.reply().code, 426);
+        }
+        EXPECT_EQ(up.client.command("NOOP").code, 200);
+    }
+    // Nothing new, nothing told.
+    Uploader up(server);
+    put("/bucket/x", "0123456789");
+    EXPECT_EQ(up.client.command("REST 0-4").code, 350);
+    EXPECT_EQ(up.client.command("ALLO 6").code, 200);
+    up.connect(1);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    up.sockets[0].write(block("x", 0));
+    EXPECT_EQ(up.client.reply().code, 550);
+}
+
+TEST(LiveExtendedMarkers, TellHowFarTheReceptionOfAnUnknownSizeHasCome) {
+    LiveServer server(each_second);
+    Uploader up(server);
+    up.connect(1);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    up.sockets[0].write(block("01234", 0) + header(0, 5, 5));
+    while (bytes_of(up.client.reply()) < 5) {
+    }
+    up.sockets[0].write("56789" + end_of_file(1));
+    EXPECT_EQ(up.final_reply().code, 226);
+    EXPECT_EQ(content("/bucket/x"), "0123456789");
+}
+
+TEST(LiveExtendedMarkers, BelongToExtendedModeAlone) {
+    const ReportedRanges ranges(true);
+    LiveServer server(each_second);
+    MarkerClock clock(server);
+    put("/bucket/big", pattern(64U << 20U));
+    Client up = server.client();
+    const Socket data = up.open_data();
+    EXPECT_EQ(up.command("ALLO 10").code, 200);
+    EXPECT_EQ(up.command("STOR /bucket/x").code, 150);
+    data.write("01234");
+    ASSERT_TRUE(ranges.come_to(5));
+    Client down = server.client();
+    const Socket source = down.open_data();
+    EXPECT_EQ(down.command("RETR /bucket/big").code, 150);
+    clock.wait(2);
+    data.write("56789");
+    data.shutdown_write();
+    EXPECT_EQ(up.reply().code, 226);
+    EXPECT_TRUE(source.read_all() == content("/bucket/big"));
+    EXPECT_EQ(down.reply().code, 226);
+}
+
+TEST(LiveExtendedMarkers, TellHowFarADownloadHasCome) {
+    LiveServer server(each_second);
+    put("/bucket/x", pattern(64U << 20U));
+    Client client = server.client();
+    client.command("MODE E");
+    const Socket listener = Socket::listen("127.0.0.1");
+    const int port = listener.local_port();
+    client.command("PORT 127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256));
+    client.send("RETR /bucket/x\r\n");
+    Socket data = listener.accept();
+    EXPECT_EQ(client.reply().code, 150);
+    std::string some(1U << 20U, '\0');
+    EXPECT_GT(data.read(some.data(), some.size()), 0U);
+    const std::int64_t first = bytes_of(client.reply());
+    EXPECT_GT(first, 0);
+    EXPECT_LT(first, 64 << 20);
+    for (std::size_t left = 32U << 20U; left > 0;)
+        left -= data.read(some.data(), std::min(left, some.size()));
+    std::int64_t later = first;
+    while (later <= first)
+        later = bytes_of(client.reply());
+    EXPECT_GE(later, (32 << 20) - (1 << 20));
+    data.reset();
+    Reply last = client.reply();
+    while (last.code == 112)
+        last = client.reply();
+    EXPECT_EQ(last.code, 426) << "and a download has no range markers";
+}
+
+// A client that leaves its replies unread holds up neither its data nor the server's memory.
+TEST(LiveExtendedMarkers, DoNotPileUpBeforeAClientThatDoesNotRead) {
+    LiveServer server(each_second);
+    MarkerClock clock(server);
+    Uploader up(server);
+    up.connect(1);
+    EXPECT_EQ(up.client.command("ALLO 10").code, 200);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    const int control = up.client.control().number();
+    std::string flood;
+    for (int i = 0; i < 1000; ++i)
+        flood += "STAT\r\n";
+    std::size_t sent = 0;
+    // Until the server takes no more: it cannot get rid of its replies.
+    for (pollfd entry{control, POLLOUT, 0}; ::poll(&entry, 1, 500) == 1;) {
+        const std::size_t at = sent % flood.size();
+        const ssize_t count =
+            ::send(control, flood.data() + at, flood.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0) {
+            ASSERT_EQ(errno, EAGAIN);
+            continue;
+        }
+        sent += static_cast<std::size_t>(count);
+    }
+    clock.wait(3);
+    up.sockets[0].write(block("0123456789", 0) + end_of_file(1));
+    EXPECT_TRUE(eventually([] { return stored("/bucket/x"); }));
+    int markers = 0;
+    Reply reply = up.client.reply();
+    for (; reply.code != 226 && reply.code != 0; reply = up.client.reply()) {
+        markers += reply.code == 112 ? 1 : 0;
+        EXPECT_TRUE(reply.code == 211 || reply.code == 112) << reply.text;
+    }
+    EXPECT_EQ(reply.code, 226);
+    EXPECT_LE(markers, 1);
+}
+
+// ------------------------------------------------------------------------------ refusals
+
+TEST(LiveExtendedRefusals, StripedAddressesAreOneAndOfVersion4) {
+    LiveServer server;
+    Uploader up(server);
+    EXPECT_EQ(up.client.command("SPOR 127,0,0,1,200,0 127,0,0,1,200,1").text,
+              "504 This server has one stripe: name one address.\r\n");
+    EXPECT_EQ(up.client.command("SPOR 127,0,0,1,200").code, 501);
+    EXPECT_EQ(up.client.command("SPOR 127,0,0,1,200,0,127,0,0,1,200,1").code, 501);
+    Client six = Client::logged_in(server.port_v6(), "::1");
+    EXPECT_EQ(six.command("MODE E").code, 200);
+    EXPECT_EQ(six.command("SPAS").text, "425 SPAS works over IPv4 only; use EPSV.\r\n");
+    EXPECT_EQ(six.command("SPOR 127,0,0,1,200,0").text, "504 SPOR works over IPv4 only; use EPRT.\r\n");
+    EXPECT_EQ(six.command("RETR /bucket/x").code, 425) << "neither has left an address";
+}
+
+TEST(LiveExtendedRefusals, OffsetsEndAtTheLargestOne) {
+    LiveServer server;
+    put("/bucket/x", "0123456789");
+    Uploader up(server);
+    const std::string largest = "9223372036854775807";
+    const std::string beyond = "9223372036854775808";
+    for (const std::string& command : std::vector<std::string>{
+             "ERET P " + beyond + " 1 /bucket/x", "ERET P 1 " + beyond + " /bucket/x",
+             "ERET P 1 " + largest + " /bucket/x", "ERET P " + largest + " 1 /bucket/x",
+             "ERET P -1 1 /bucket/x", "ERET P 1 -1 /bucket/x", "ERET P 1 /bucket/x", "ERET P",
+             "ESTO A " + beyond + " /bucket/x", "ESTO A -1 /bucket/x", "ESTO A 1", "REST " + beyond,
+             "REST 0-" + beyond, "REST 5-4", "ALLO " + beyond}) {
+        EXPECT_EQ(up.client.command(command).code, 501) << command;
+    }
+    for (const char* command : {"ERET X 0 1 /bucket/x", "ESTO X 0 /bucket/x"})
+        EXPECT_EQ(up.client.command(command).code, 504) << command;
+    // What fits alone does not fit behind the other.
+    for (const std::string& command : {"ESTO A " + largest + " /bucket/y", std::string("STOR /bucket/y")}) {
+        up.connect(1);
+        EXPECT_EQ(up.client.command("ALLO 5").code, 200);
+        if (command[0] == 'S') {
+            EXPECT_EQ(up.client.command("REST 0-" + largest).code, 350);
+        }
+        EXPECT_EQ(up.client.command(command).code, 552) << command;
+    }
+    up.connect(1);
+    EXPECT_EQ(up.store("ESTO A " + largest + " /bucket/y", {block("01234", 0) + end_of_file(1)}).code, 550);
+    EXPECT_FALSE(stored("/bucket/y"));
+    EXPECT_EQ(up.client.command("NOOP").code, 200);
 }

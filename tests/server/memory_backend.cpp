@@ -37,6 +37,8 @@ struct store {
     std::atomic<std::size_t> open_sessions{0};
     std::atomic<std::size_t> destroyed_sessions{0};
     std::atomic<int> batch{100};
+    bool report_ranges = false;
+    std::atomic<std::uint64_t> reported_bytes{0};
     bool hold_checksums = false;
     std::size_t held_checksums = 0;
     std::condition_variable released;
@@ -504,6 +506,10 @@ void read_done(zorvan_gridftp_server_operation_t op, zorvan_result_t result, uns
             }
         } else {
             state.blocks[offset].assign(buffer, buffer + nbytes);
+            if (the_store().report_ranges) {
+                zorvan_gridftp_server_update_range_recvd(op, offset, static_cast<zorvan_off_t>(nbytes));
+                the_store().reported_bytes += nbytes;
+            }
         }
         if (state.result == ZORVAN_SUCCESS && state.received == state.announced) {
             publish_locked(state);
@@ -614,6 +620,12 @@ const zorvan_memory_backend_s zorvan_memory_backend = {
         const std::lock_guard lock(the_store().mutex);
         return the_store().held_checksums;
     },
+    [](int report, int durable) {
+        the_store().report_ranges = report != 0;
+        constexpr std::uintptr_t flag = ZORVAN_GRIDFTP_SERVER_DSI_DURABLE_RANGES;
+        the_table.descriptor = durable != 0 ? the_table.descriptor | flag : the_table.descriptor & ~flag;
+    },
+    [] { return the_store().reported_bytes.load(); },
 };
 }
 

@@ -29,5 +29,10 @@ struct zorvan_memory_backend_s {
     void (*hold_checksums)(int hold);
     /// How many are being kept.
     std::size_t (*held_checksums)();
+    /// Report every received range as stored (1) or not (0, the default), and say that such ranges are
+    /// durable or not. While no server runs.
+    void (*report_ranges)(int report, int durable);
+    /// Bytes so reported, in all.
+    std::uint64_t (*reported_bytes)();
 };
 }
