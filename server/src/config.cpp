@@ -342,6 +342,8 @@ std::size_t line_of_stray_letter(std::string_view text) {
     if (text.starts_with(byte_order_mark)) text.remove_prefix(byte_order_mark.size());
     std::size_t line = 1;
     std::string_view end_of_string;  // empty outside of strings
+    bool lost = false;               // no longer sure where the parser sees strings
+    char before = '\n';              // the last byte outside of strings that was no blank
     for (std::size_t at = 0; at < text.size(); ++at) {
         const char byte = text[at];
         if (byte == '\n') ++line;
@@ -360,16 +362,23 @@ std::size_t line_of_stray_letter(std::string_view text) {
                 }
                 end_of_string = {};
             }
-        } else if (byte == '"' || byte == '\'') {
+        } else if ((byte == '"' || byte == '\'') && !lost) {
+            // Strings begin where a key or a value may; elsewhere the parser may take the quote for a letter.
+            lost = std::string_view("\n=[{,.").find(before) == std::string_view::npos;
+            if (lost) continue;
             const std::string_view triple = byte == '"' ? R"(""")" : "'''";
             const bool long_string = text.substr(at).starts_with(triple);
             end_of_string = long_string ? triple : triple.substr(0, 1);
             at += end_of_string.size() - 1;
-        } else if (byte == '#') {
+            before = byte;
+        } else if (byte == '#' && !lost) {
             at = std::min(text.find('\n', at), text.size());
             ++line;
+            before = '\n';
         } else if (static_cast<unsigned char>(byte) >= 0x80) {
             return line;
+        } else if (byte != ' ' && byte != '\t' && byte != '\r') {
+            before = byte;
         }
     }
     return 0;
