@@ -94,18 +94,24 @@ def test_download_of_what_is_missing(extended, bucket, s3):
 
 
 # -- resumed --------------------------------------------------------------------------------------------------------------
-def break_off(ftp, bucket, s3, content, parts):
-    """An announced upload of several connections, reset when so many parts are stored. What the store has of it."""
-    ftp.expect(200, f"ALLO {len(content)}")
+def break_off(ftp, bucket, s3, content, parts, there=0):
+    """An announced upload of several connections, reset when so many parts are stored; `there`: what was before. What the store
+    has of it, and the ranges that the client was told at last."""
+    ftp.expect(200, f"ALLO {len(content) - there}")
+    if there:
+        ftp.expect(350, f"REST 0-{there}")
     connections = connect(ftp, STREAMS)
     ftp.expect(150, f"STOR /{bucket}/file")
-    for number, offset in enumerate(range(0, parts * PART + BLOCK, BLOCK)):
+    for number, offset in enumerate(range(there, parts * PART + BLOCK, BLOCK)):
         send_block(connections[number % STREAMS], content, offset)
     kept = wait_for(lambda: len(stored := parts_of(s3, bucket)) == parts and stored, f"{parts} parts are stored", 60)
     for data in connections:
         ftp.reset(data)
-    assert ending(ftp).code in BROKEN
-    return kept
+    end = ending(ftp)
+    assert end.code in BROKEN
+    told = [marker.last for marker in end.markers if marker.code == 111][-1]
+    assert told.startswith("Range Marker ")
+    return kept, told.removeprefix("Range Marker ")
 
 
 @pytest.mark.parametrize("announced", [True, False], ids=["announced", "unannounced"])
@@ -125,6 +131,19 @@ def test_upload_goes_on_behind_a_range(extended, login, bucket, s3, stored, stor
     assert uploads_in(s3, bucket) == {}
 
 
+def test_markers_tell_where_to_go_on(extended, bucket, s3, stored):
+    """What they tell is what the store has, also of earlier tries, and what REST takes."""
+    content = random_bytes(4 * PART + 12345)
+    _, told = break_off(extended, bucket, s3, content, 1)
+    assert told == f"0-{PART}"
+    _, told = break_off(extended, bucket, s3, content, 3, there=PART)
+    assert told == f"0-{3 * PART}"
+    extended.expect(200, f"ALLO {len(content) - 3 * PART}")
+    extended.expect(350, f"REST {told}")
+    assert store(extended, f"/{bucket}/file", content, interleaved(len(content), STREAMS, begin=3 * PART)).code == 226
+    assert stored(bucket, "file") == content
+
+
 def test_upload_in_stream_mode_goes_on_with_one_of_extended_mode(extended, login, bucket, s3, stored):
     content = random_bytes(3 * PART + 12345)
     break_off(extended, bucket, s3, content, 2)
@@ -136,7 +155,7 @@ def test_upload_in_stream_mode_goes_on_with_one_of_extended_mode(extended, login
 
 def test_part_that_is_stored_is_not_sent_again(extended, bucket, s3, stored):
     content = random_bytes(3 * PART + 12345)
-    kept = break_off(extended, bucket, s3, content, 2)
+    kept, _ = break_off(extended, bucket, s3, content, 2)
     extended.expect(200, f"ALLO {len(content) - 2 * PART}")
     extended.expect(350, f"REST {2 * PART}")
     [data] = connect(extended, 1)
@@ -155,7 +174,7 @@ def test_part_that_is_stored_is_not_sent_again(extended, bucket, s3, stored):
 def test_upload_around_other_ranges_is_refused(extended, bucket, s3, stored, ranges):
     """Before any data, though something could be resumed. The list and the announced size are forgotten with that."""
     content = random_bytes(3 * PART)
-    kept = break_off(extended, bucket, s3, content, 2)
+    kept, _ = break_off(extended, bucket, s3, content, 2)
     extended.expect(200, f"ALLO {PART}")
     extended.expect(350, f"REST {ranges}")
     reply = extended.expect(553, f"STOR /{bucket}/file")
@@ -168,7 +187,7 @@ def test_upload_around_other_ranges_is_refused(extended, bucket, s3, stored, ran
 def test_restart_inside_a_part_is_refused(extended, bucket, s3):
     """Before any data, with the numbers that help."""
     content = random_bytes(3 * PART)
-    kept = break_off(extended, bucket, s3, content, 2)
+    kept, _ = break_off(extended, bucket, s3, content, 2)
     extended.expect(200, f"ALLO {2 * PART - 1}")
     extended.expect(350, f"REST 0-{PART + 1}")
     extended.expect(229, "EPSV")
