@@ -48,6 +48,8 @@ def arguments():
     parser.add_argument("--concurrency", type=int, help="server's concurrency")
     parser.add_argument("--part-size", type=int, default=5 << 30,
                         help="uploads longer than this are cut into parts, bytes (default 5 GiB: none is)")
+    parser.add_argument("--multipart-size", type=float, default=32, metavar="MIB",
+                        help="part size of the case parts (default 32; S3 takes none below 5)")
     parser.add_argument("--load-folder", type=Path, default="/dev/shm", metavar="DIR",
                         help="for the files that are uploaded (default /dev/shm, so that no disk is measured with them)")
     parser.add_argument("--json", type=Path, help="also write every sample here")
@@ -56,16 +58,18 @@ def arguments():
     options.cases = [name for name in options.cases.split(",") if name]
     if unknown := set(options.cases) - set(CASES):
         parser.error(f"no case {', '.join(sorted(unknown))}; there are {', '.join(CASES)}")
-    if min(options.rounds, options.size, options.session_size, options.files, options.names) <= 0:
+    if min(options.rounds, options.size, options.session_size, options.multipart_size, options.files, options.names) <= 0:
         parser.error("rounds, sizes and counts must be positive")
     options.build = options.build.resolve()
     options.size, options.session_size = int(options.size * MIB), int(options.session_size * MIB)
+    options.multipart_size = int(options.multipart_size * MIB)
     options.load_average = os.getloadavg()[0]
     return options
 
 
 def check_programs(options):
-    for path in (options.build / "bin/zorvan-gridftp-server", options.build / "lib/libzorvan_gridftp_server_ceph.so"):
+    for path in (options.build / "bin/zorvan-gridftp-server", options.build / "lib/libzorvan_gridftp_server_ceph.so",
+                 options.build / "bin/zorvan-copy"):
         if not path.exists():
             raise BenchError(f"{path} is missing: build first, or name the build with --build")
     for program in ("curl", "mkpasswd", "cmp"):

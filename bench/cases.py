@@ -10,25 +10,13 @@ from pathlib import Path
 import load
 from gateway import gateway
 from load import Each, Sessions, together
+from parts import parts
 from processes import cpu_seconds, disk_bytes, peak_of, resident_kib, wait_for
 from s3_wire import S3Connection
+from samples import GIB, Sample
 
-GIB = 1 << 30
 SMALL = 10 << 10  # bytes of a small file
 MEMORY_TRANSFERS = 5
-
-
-@dataclass
-class Sample:
-    """One turn. `seconds` until everything is in the store, `replied` until the last reply; processor seconds of the load,
-    of what is measured, and of the store; `quantity` in the unit of the row's rate."""
-
-    seconds: float
-    replied: float
-    quantity: float = 0
-    client: float = 0
-    service: float = 0
-    store: float = 0
 
 
 @dataclass
@@ -266,15 +254,14 @@ def disk(bench):
             bench.store.remove_all(key)
 
 
-# Multipart transfers have no case yet: `--part-size` makes the server cut uploads, and a case that compares part sizes
-# belongs here.
-CASES = {"large": large, "sessions": sessions, "small": small, "small8": small8, "size": size, "list": listing,
+CASES = {"large": large, "parts": parts, "sessions": sessions, "small": small, "small8": small8, "size": size, "list": listing,
          "memory": memory, "reply": reply, "disk": disk}
 
 
 def derive_costs(bench):
     """Rows that are other views of samples: processor seconds per GiB of the server (of curl, for the store alone)."""
-    for row, source in (("down", "down"), ("up", "up"), ("up_spooled", "up_spooled")):
+    for row, source in (("down", "down"), ("up", "up"), ("up_spooled", "up_spooled"), ("up_parts", "up_parts"),
+                        ("up_parts_4", "up_parts_4")):
         for name, samples in bench.samples.get(source, {}).items():
             gib = bench.options.size / GIB
             for cost, value in ((f"cpu_{row}", lambda s, n=name: s.client if n == load.DIRECT else s.service),

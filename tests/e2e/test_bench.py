@@ -14,7 +14,7 @@ import pytest
 from waiting import wait_for
 
 BENCH = Path(__file__).resolve().parent.parent.parent / "bench"
-TINY = ("--store", "devstore", "--size", "2", "--session-size", "1", "--files", "8", "--names", "1100")
+TINY = ("--store", "devstore", "--size", "11", "--multipart-size", "5", "--session-size", "1", "--files", "8", "--names", "1100")
 
 
 @pytest.fixture
