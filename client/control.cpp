@@ -108,8 +108,9 @@ reply control_connection::read_reply(milliseconds limit) {
 }
 
 reply control_connection::read_final_reply(milliseconds limit) {
+    const auto until = clock::now() + limit;
     for (;;) {
-        auto next = read_reply(limit);
+        auto next = read_reply(std::chrono::ceil<milliseconds>(until - clock::now()));
         if (!next.preliminary()) return next;
     }
 }

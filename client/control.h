@@ -34,7 +34,7 @@ class control_connection {
     void send(std::string_view verb, std::string_view argument = {});
     /// The next reply. @throws failure  timed_out, receive_failed, weird_reply
     reply read_reply(milliseconds limit);
-    /// The same, past all preliminary ones.
+    /// The same, past all preliminary ones, which gain no time.
     reply read_final_reply(milliseconds limit);
 
     // For a loop that waits for other things too.

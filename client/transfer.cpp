@@ -83,9 +83,10 @@ void transfer::accept_all(const events& handlers) {
     }
 }
 
-void transfer::wait(const events& handlers, clock::time_point until) {
+void transfer::wait(const events& handlers, const outcome& state, clock::time_point until) {
     const auto left = std::chrono::ceil<milliseconds>(until - clock::now()).count();
-    std::array<pollfd, 4> wanted{pollfd{control_.fd(), POLLIN, 0},
+    // After its last word on this transfer the server may do as it likes.
+    std::array<pollfd, 4> wanted{pollfd{state.final ? -1 : control_.fd(), POLLIN, 0},
                                  pollfd{control_.interrupt().fd(), POLLIN, 0}, pollfd{wake_.fd(), POLLIN, 0},
                                  pollfd{handlers.listener, POLLIN, 0}};
     const int count = ::poll(wanted.data(), wanted.size(), static_cast<int>(std::max<std::int64_t>(left, 0)));
@@ -168,7 +169,7 @@ void transfer::run(const events& handlers, exit_status refused, const std::strin
             if (handlers.tick) handlers.tick(moved_);
             next_tick = now + tick_length;
         }
-        wait(handlers, std::min(next_tick, last_change + limit));
+        wait(handlers, state, std::min(next_tick, last_change + limit));
     }
     cancel();
     if (handlers.tick) handlers.tick(moved_);

@@ -49,7 +49,7 @@ class transfer {
     struct outcome;
     void watch_replies(const events& handlers, outcome& state);
     std::exception_ptr lane_error();
-    void wait(const events& handlers, clock::time_point until);
+    void wait(const events& handlers, const outcome& state, clock::time_point until);
     void accept_all(const events& handlers);
     void cancel() noexcept;
     [[noreturn]] void give_up(outcome& state, exit_status refused, const std::string& context);
