@@ -97,10 +97,14 @@ void transfer::wait(const events& handlers, const outcome& state, clock::time_po
     if (wanted[0].revents != 0) control_.receive_some(clock::now());
 }
 
-void transfer::give_up(outcome& state, exit_status refused, const std::string& context) {
+void transfer::give_up(const events& handlers, outcome& state, exit_status refused,
+                       const std::string& context) {
     cancel();
     const auto reason = lane_error();
     const auto until = clock::now() + last_words;
+    // Markers among the last words count as any others; no lane begins any more.
+    events last;
+    last.preliminary = handlers.preliminary;
     bool own_fault = false;
     try {
         std::rethrow_exception(reason);
@@ -115,7 +119,7 @@ void transfer::give_up(outcome& state, exit_status refused, const std::string& c
     try {
         while (!own_fault && !state.final && clock::now() < until) {
             control_.receive_some(until);
-            watch_replies({}, state);
+            watch_replies(last, state);
         }
     } catch (const failure& error) {
         if (error.status() == exit_status::interrupted) throw;
@@ -139,7 +143,7 @@ void transfer::run(const events& handlers, exit_status refused, const std::strin
             throw refusal(*state.final, refused, context);
         }
         const bool running = running_ > 0;
-        if (lane_error()) give_up(state, refused, context);
+        if (lane_error()) give_up(handlers, state, refused, context);
         const bool complete = !running && (!handlers.complete || handlers.complete());
         if (complete && state.final) break;
         if (state.final && !running) {

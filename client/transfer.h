@@ -52,7 +52,8 @@ class transfer {
     void wait(const events& handlers, const outcome& state, clock::time_point until);
     void accept_all(const events& handlers);
     void cancel() noexcept;
-    [[noreturn]] void give_up(outcome& state, exit_status refused, const std::string& context);
+    [[noreturn]] void give_up(const events& handlers, outcome& state, exit_status refused,
+                              const std::string& context);
 
     control_connection& control_;
     flag cancel_;
