@@ -24,6 +24,10 @@ class CommandTest : public ModuleTest {
         activate();
         login();
     }
+    void TearDown() override {
+        expect_handlers_told();
+        ModuleTest::TearDown();
+    }
     /// Run a command to its end; the worker runs after the entry, so that the log is in order.
     std::unique_ptr<Operation> command(int code, const std::optional<std::string>& path,
                                        const std::optional<std::string>& from = std::nullopt,

@@ -49,6 +49,23 @@ TEST_F(Md5Encode, PlusSignsAreStandardAlphabet) {
                    "+w==");
 }
 
+TEST_F(Md5Encode, EveryByteIsADigitOrRefused) {
+    const std::string digits = "0123456789abcdefABCDEF";
+    for (int byte = 1; byte < 256; ++byte) {
+        const char each = static_cast<char>(byte);
+        const std::string text = std::string(31, '0') + each;
+        if (digits.find(each) == std::string::npos) {
+            expect_refused(text);
+            continue;
+        }
+        // The last digit is the low half of the last byte: four bits, followed by four of padding.
+        const auto value = std::stoul(std::string(1, each), nullptr, 16);
+        const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        const std::string last{alphabet[value >> 2], alphabet[(value & 3) << 4]};
+        expect_encoded(text.c_str(), ("AAAAAAAAAAAAAAAAAAAA" + last + "==").c_str());
+    }
+}
+
 TEST_F(Md5Encode, LetterGAnywhereIsRefused) {
     const std::string good = "d41d8cd98f00b204e9800998ecf8427e";
     for (size_t at = 0; at < 32; ++at) {

@@ -59,6 +59,8 @@ TEST_F(Mkdir, BucketIsCreated) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].context.bucket, "nb");
     EXPECT_EQ(calls[0].context.host, std::nullopt);
+    EXPECT_EQ(calls[0].thread_host, "rgw.example.org:8080") << "made where the session lives";
+    EXPECT_EQ(s3_thread_host(), std::nullopt) << "and nobody else's requests go there";
     EXPECT_EQ(calls[0].context.protocol, S3ProtocolHTTP);
     EXPECT_EQ(calls[0].context.access_key, "AK-alice");
     EXPECT_EQ(calls[0].context.secret_key, "secret-alice");

@@ -295,6 +295,13 @@ bool ModuleTest::log_says(std::string_view message) {
     return false;
 }
 
+void ModuleTest::expect_handlers_told() {
+    for (const auto& line : log_lines()) {
+        const bool handler = line.function.ends_with("_complete") || line.function.ends_with("_properties");
+        EXPECT_FALSE(handler && line.message == "exit") << line.function;
+    }
+}
+
 int ModuleTest::host_logged(int level, const std::string& text) {
     int count = 0;
     for (const auto& line : host_log())

@@ -98,6 +98,8 @@ class ModuleTest : public ::testing::Test {
     bool log_holds(std::string_view part);
     /// Whether a message begins like this; also when several threads log at once.
     bool log_says(std::string_view message);
+    /// That every handler of a request told its status at its end. No two threads have logged at once.
+    void expect_handlers_told();
     /// Host log lines of that level and text.
     static int host_logged(int level, const std::string& text);
 

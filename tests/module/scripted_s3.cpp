@@ -18,6 +18,7 @@ namespace module_test {
 namespace {
 
 thread_local bool took_data = false;
+thread_local Text thread_host;
 
 Text text(const char* value) {
     return value == nullptr ? std::nullopt : Text(value);
@@ -61,6 +62,7 @@ S3Call call_of(S3Kind kind, S3RequestContext* request_context, int timeout) {
     call.kind = kind;
     call.request_context = request_context != nullptr;
     call.timeout = timeout;
+    call.thread_host = thread_host;
     // Every request is made at once and without a limit of its own.
     EXPECT_EQ(request_context, nullptr) << static_cast<int>(kind);
     EXPECT_EQ(timeout, 0) << static_cast<int>(kind);
@@ -311,6 +313,11 @@ const char* const status_names[] = {"OK",
 static_assert(std::size(status_names) == 135);
 
 }  // namespace
+
+Text s3_thread_host() {
+    return thread_host;
+}
+
 }  // namespace module_test
 
 using namespace module_test;
@@ -339,7 +346,9 @@ void S3_deinitialize(void) {
 S3Status S3_set_option(S3Option, int64_t) {
     return S3StatusOK;
 }
-S3Status S3_set_thread_default_host(const char*) {
+S3Status S3_set_thread_default_host(const char* hostName) {
+    const OutOfModule outside;
+    thread_host = text(hostName);
     return S3StatusOK;
 }
 

@@ -83,6 +83,7 @@ struct S3Call {
     int acl = 0;
     int flags = 0;
     bool request_context = false;
+    Text thread_host;  ///< default host of the calling thread
     int timeout = 0;
     std::thread::id thread;
     std::string body;        ///< what was taken from a put-data callback
@@ -237,6 +238,8 @@ std::vector<std::string> s3_upload_ids(const std::string& bucket);
 /// Keys of a user of the gateway.
 void s3_user(const std::string& name, std::vector<UserKey> keys);
 
+/// The default host of the calling thread, none when it is the process's.
+Text s3_thread_host();
 /// The calls made so far.
 std::vector<S3Call> s3_calls();
 /// Those of one kind.

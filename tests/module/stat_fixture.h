@@ -18,6 +18,11 @@ class StatTest : public ModuleTest {
         login();
     }
 
+    void TearDown() override {
+        expect_handlers_told();
+        ModuleTest::TearDown();
+    }
+
     /// Stat a path to its end; the log is in order because the worker runs after the entry.
     std::unique_ptr<Operation> stat(const std::string& path, bool file_only) {
         auto op = std::make_unique<Operation>();
