@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "operation.h"
 #include "out_of_memory.h"
@@ -58,7 +59,7 @@ void zorvan_gridftp_server_update_bytes_recvd(zorvan_gridftp_server_operation_t 
 void zorvan_gridftp_server_update_range_recvd(zorvan_gridftp_server_operation_t op, zorvan_off_t offset,
                                               zorvan_off_t length) {
     auto found = operation::find(op);
-    if (found && offset >= 0 && length > 0) {
+    if (found && offset >= 0 && length > 0 && length <= std::numeric_limits<zorvan_off_t>::max() - offset) {
         // A range that is not offered as a restart point costs a repetition, no more.
         (void)run_without_throwing([&] { found->add_durable_range(offset, length); });
     }

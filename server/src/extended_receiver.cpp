@@ -252,6 +252,18 @@ void extended_receiver::hand_over_locked(const completion& due) {
 
 // ------------------------------------------------------------------------- the window
 
+// Somebody else has the bytes behind these, so their own connections add nothing to them. In a buffer they
+// would hold up, in the back end's memory, all that comes after them.
+void extended_receiver::deliver_ended_locked() {
+    for (std::size_t i = 0; i < connections().size(); ++i) {
+        auto& each = lane_at(i);
+        if (each.buffer && each.buffer->filled > 0 && each.left == 0 && !each.into_buffer &&
+            each.buffer->offset < front()) {
+            deliver_locked(each);
+        }
+    }
+}
+
 void extended_receiver::feed_from_spool_locked() {
     while (spool_ && !queue_.empty()) {
         const std::uint64_t lowest = front();
@@ -259,6 +271,7 @@ void extended_receiver::feed_from_spool_locked() {
         if (!found) {
             return;
         }
+        deliver_ended_locked();
         const read_request request = queue_.front();
         queue_.pop_front();
         const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(found->length, request.length));
@@ -291,6 +304,9 @@ bool extended_receiver::hand_out_locked() {
         if (!in_window || queue_.size() < (is_lowest ? 1U : 2U)) {
             held_up = true;
             continue;
+        }
+        if (is_lowest) {
+            deliver_ended_locked();
         }
         each->buffer = filling{queue_.front(), 0, each->next, false};
         queue_.pop_front();

@@ -75,6 +75,7 @@ class extended_receiver final : public data_channel, private block_intake {
     task<void> fill(lane& into);
     task<void> spool_piece(lane& from);
     void pump();
+    void deliver_ended_locked();
     void feed_from_spool_locked();
     bool hand_out_locked();
     void watch_client_locked(bool back_end_is_waited_for);
