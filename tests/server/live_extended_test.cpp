@@ -820,3 +820,32 @@ TEST(LiveExtendedRefusals, OffsetsEndAtTheLargestOne) {
     EXPECT_FALSE(stored("/bucket/y"));
     EXPECT_EQ(up.client.command("NOOP").code, 200);
 }
+
+// ----------------------------------------------------------------------------------- drain
+
+// A server that is asked to end lets the transfer come to its end, and the markers go on meanwhile.
+TEST(LiveExtendedUpload, AShutdownWaitsForIt) {
+    LiveServer server("[server]\nupdate_interval = 1\n");
+    Uploader up(server);
+    up.connect(2);
+    const std::string data = pattern(1000000);
+    EXPECT_EQ(up.client.command(allo(data)).code, 200);
+    up.client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(up.client.reply().code, 150);
+    ASSERT_TRUE(up.sockets[0].write(block(std::string_view(data).substr(0, 500000), 0) + end_of_data()));
+    server.ask_to_stop();
+    // Nobody gets in any more.
+    EXPECT_TRUE(eventually([&] {
+        try {
+            (void)Socket::connect("127.0.0.1", server.port());
+            return false;
+        } catch (const std::runtime_error&) {
+            return true;
+        }
+    }));
+    EXPECT_EQ(up.client.reply().code, 112);
+    ASSERT_TRUE(up.sockets[1].write(block(std::string_view(data).substr(500000), 500000) + end_of_file(2)));
+    EXPECT_EQ(up.final_reply().code, 226);
+    EXPECT_EQ(up.client.reply().code, 421);
+    EXPECT_TRUE(content("/bucket/x") == data);
+}
