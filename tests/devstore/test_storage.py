@@ -1,12 +1,14 @@
 """Large empty objects, data kept in a directory, start and end of the program."""
 
+import contextlib
 import hashlib
+import http.client
 import os
 import signal
 import subprocess
 
 import pytest
-from conftest import wait_until
+from conftest import Store, wait_until
 from test_objects import refused
 
 GIB = 1 << 30
@@ -135,6 +137,37 @@ def test_blobs_of_a_killed_store_are_cleared(make_store, binary, tmp_path):
     store = make_store(*where)
     assert store.s3().get_object(Bucket="bucket", Key="k")["Body"].read() == b"kept"
     assert len(list((tmp_path / "data" / "blobs").iterdir())) == 1
+
+
+def test_killed_in_the_middle_of_a_part(binary, make_store, tmp_path):
+    """What was confirmed is there again, what was not has left nothing."""
+    where = ("--data-dir", str(tmp_path / "data"))
+    blobs = tmp_path / "data" / "blobs"
+    killed = Store(binary, *where)
+    s3 = killed.s3()
+    s3.create_bucket(Bucket="bucket")
+    part = {"Bucket": "bucket", "Key": "multi"}
+    part["UploadId"] = s3.create_multipart_upload(**part)["UploadId"]
+    content = os.urandom((5 << 20) + 3)
+    first = s3.upload_part(**part, PartNumber=1, Body=content)
+    target = f"/bucket/multi?partNumber=2&uploadId={part['UploadId']}"
+    with contextlib.closing(http.client.HTTPConnection("127.0.0.1", killed.port, timeout=30)) as connection:
+        connection.putrequest("PUT", target, skip_host=True)
+        for name, value in killed.signed("PUT", target, {"Content-Length": str(len(content))}).items():
+            connection.putheader(name, value)
+        connection.endheaders(content[: len(content) // 2])
+        wait_until(lambda: len(list(blobs.iterdir())) == 2)
+        killed.process.kill()
+        killed.process.communicate()
+
+    store = make_store(*where)
+    s3 = store.s3()
+    assert [(p["PartNumber"], p["ETag"]) for p in s3.list_parts(**part)["Parts"]] == [(1, first["ETag"])]
+    assert len(list(blobs.iterdir())) == 1
+    second = s3.upload_part(**part, PartNumber=2, Body=b"end")
+    parts = [{"PartNumber": n, "ETag": reply["ETag"]} for n, reply in ((1, first), (2, second))]
+    s3.complete_multipart_upload(**part, MultipartUpload={"Parts": parts})
+    assert s3.get_object(Bucket="bucket", Key="multi")["Body"].read() == content + b"end"
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
