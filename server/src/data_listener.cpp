@@ -121,8 +121,10 @@ task<connect_result> passive_listener::connect_more(bool limited) {
     connect_result result = failed();
     while (acceptor_.is_open()) {
         boost::system::error_code error;
+        // As it was accepted: a socket that has been reset since cannot tell any more.
+        tcp::endpoint peer;
         tcp::socket socket =
-            co_await acceptor_.async_accept(asio::redirect_error(asio::use_awaitable, error));
+            co_await acceptor_.async_accept(peer, asio::redirect_error(asio::use_awaitable, error));
         if (cancelled_ || timed_out_) break;
         if (error && stopped_) break;
         if (error == asio::error::connection_aborted || error == asio::error::try_again) continue;
@@ -130,8 +132,6 @@ task<connect_result> passive_listener::connect_more(bool limited) {
             log_line(ZORVAN_GFS_LOG_WARNING, "accepting a data connection failed: " + error.message());
             break;
         }
-        const tcp::endpoint peer = socket.remote_endpoint(error);
-        if (error) continue;
         if (unmapped(peer.address()) != unmapped(rules_.client)) {
             log_line(ZORVAN_GFS_LOG_WARNING, "data connection from " + peer.address().to_string() +
                                                  " dropped: the client is " + rules_.client.to_string());

@@ -75,6 +75,29 @@ TEST(HostileData, DataAheadOfTheCommand) {
     EXPECT_EQ(content("/bucket/x"), "early");
 }
 
+TEST(HostileData, AConnectionThatIsResetAheadOfTheCommand) {
+    LiveServer server;
+    Client client = server.client();
+    // It counts as the client's: waiting for another one would only end with the time for it.
+    Socket data = client.open_data();
+    data.write("lost");
+    data.reset();
+    client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(client.reply().code, 150);
+    EXPECT_EQ(client.reply().code, 426);
+    EXPECT_FALSE(stored("/bucket/x"));
+    // A stranger's does not.
+    const std::uint16_t port = client.passive_port();
+    Socket::connect("127.0.0.1", port, "127.0.0.2").reset();
+    Socket own = Socket::connect("127.0.0.1", port);
+    own.write("mine");
+    own.close();
+    client.send("STOR /bucket/x\r\n");
+    EXPECT_EQ(client.reply().code, 150);
+    EXPECT_EQ(client.reply().code, 226);
+    EXPECT_EQ(content("/bucket/x"), "mine");
+}
+
 TEST(HostileData, AConnectionForNoTransfer) {
     LiveServer server;
     put("/bucket/x", "data");
