@@ -587,6 +587,7 @@ TEST_F(RecvMultipartDeathTest, HandlersNeedTheirState) {
     s3_upload("b", "dir/f", "2~old", 5);
     for (const auto status : {S3StatusOK, S3StatusErrorAccessDenied}) {
         nobody.status = status;
+        nobody.parts = {{1, 20, "\"e\""}};
         s3_script(S3Kind::list_parts, nobody);
         EXPECT_DEATH(
             resume(op, bytes(20), 0),

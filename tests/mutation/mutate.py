@@ -395,6 +395,19 @@ def print_table(title, outcomes, key):
               f"{percent(row['caught'], counted):>10}")  # fmt: skip
 
 
+def survivors_of(report, mutants):
+    """The changes that survived then: at the same place, or, where the source has moved on, of the same words."""
+    known = {(mutant.source, mutant.kind, mutant.start, mutant.what): mutant for mutant in mutants}
+    found = []
+    for entry in report:
+        if entry["outcome"] != "survived":
+            continue
+        same = known.get((entry["source"], entry["kind"], entry["start"], entry["what"]))
+        words = (entry["source"], entry["kind"], entry["what"])
+        found += [same] if same else [each for each in mutants if (each.source, each.kind, each.what) == words]
+    return list(dict.fromkeys(found))
+
+
 def sources_below(folder, headers):
     suffixes = {".cpp", ".h"} if headers else {".cpp"}
     return sorted(path for path in folder.iterdir() if path.suffix in suffixes)
@@ -430,10 +443,7 @@ def main():
     chosen = choose(by_source, arguments.seed)
     print(f"{len(chosen)} changes in {len(by_source)} sources")
     if arguments.again:
-        # By what they change, not by where: the sources may have moved on.
-        wanted = {(entry["source"], entry["kind"], entry["what"])
-                  for entry in json.loads(arguments.again.read_text()) if entry["outcome"] == "survived"}  # fmt: skip
-        chosen = [mutant for mutant in chosen if (mutant.source, mutant.kind, mutant.what) in wanted]
+        chosen = survivors_of(json.loads(arguments.again.read_text()), chosen)
     else:
         chosen = chosen[arguments.skip : arguments.skip + arguments.count]
     if arguments.list:
