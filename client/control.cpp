@@ -23,6 +23,13 @@ void keep_alive(int fd) {
     ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle_seconds, sizeof idle_seconds);
 }
 
+/// A 550 is for what is missing and for what is forbidden; where no word says which, the text does.
+bool says_forbidden(std::string_view text) {
+    const auto lower = gridftp::ascii_lower(text);
+    return lower.find("permission denied") != std::string::npos ||
+           lower.find("access denied") != std::string::npos || lower.find("forbidden") != std::string::npos;
+}
+
 }  // namespace
 
 control_connection::control_connection(const server_address& server, const time_limits& limits,
@@ -131,6 +138,8 @@ failure refusal(const reply& from, exit_status otherwise, const std::string& con
         status = exit_status::checksum_mismatch;
     } else if (word == "MULTI_PART_UPLOAD_NOT_FOUND" || word == "APPEND_NOT_SUPPORTED") {
         status = exit_status::restart_refused;
+    } else if (from.code == 550 && says_forbidden(from.last())) {
+        status = exit_status::access_denied;
     } else if (from.code == 530) {
         status = exit_status::login_denied;
     }

@@ -17,7 +17,7 @@
 namespace zorvan::copy {
 namespace {
 
-constexpr milliseconds between_saves{1000};
+constexpr milliseconds between_saves{150};
 
 display_kind kind_of_display(const settings& wanted) {
     if (wanted.quiet || wanted.no_progress) return display_kind::none;
