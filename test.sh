@@ -16,7 +16,7 @@ store and a real Ceph RADOS Gateway, the faster ones with the asan build as well
 the exit status is 0 only when something ran and nothing failed. Logs and JUnit files are in build/results.
 
   --quick       the release build alone, with its unit tests
-  --suite NAME  only this suite: common, s3, module, server, devstore, layers, fuzz, lint or e2e (may be given more than once)
+  --suite NAME  only this suite: common, s3, module, server, devstore, client, layers, fuzz, lint or e2e (may be given more than once)
   --jobs N      so many compilers and unit tests at once (default: one per processor)
   --no-rgw      leave the RADOS Gateway out; its tests count as skipped
   --no-install  install nothing
@@ -36,7 +36,7 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-unit_suites=(common s3 module server devstore layers fuzz)
+unit_suites=(common s3 module server devstore client layers fuzz)
 for suite in "${suites[@]}"; do
   case " ${unit_suites[*]} lint e2e " in
     *" $suite "*) ;;

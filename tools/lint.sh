@@ -2,7 +2,7 @@
 # Checks the C and C++ sources: their format always, and with --tidy what clang-tidy finds in the product.
 #
 # usage: tools/lint.sh [--tidy] [--build DIR] [--jobs N] [FILE...]
-#   --tidy       also run clang-tidy over the sources of common, s3, server, src and devstore
+#   --tidy       also run clang-tidy over the sources of common, s3, server, src, devstore and client
 #   --build DIR  the build whose compile_commands.json says how they are compiled (default: build/release)
 #   --jobs N     how many at a time (default: one per processor)
 #   FILE...      only these tracked files
@@ -77,7 +77,7 @@ if $with_tidy; then
     command -v "$tidy" >/dev/null || die "$tidy is not installed"
     [[ -f $build/compile_commands.json ]] || die "no $build/compile_commands.json: configure that build first"
     mapfile -d '' -t sources < <(
-        printf '%s\0' "${sources[@]}" | grep -zE '^(common|s3|server|src|devstore)/.*\.(c|cpp)$' || true)
+        printf '%s\0' "${sources[@]}" | grep -zE '^(common|s3|server|src|devstore|client)/.*\.(c|cpp)$' || true)
     echo "lint: clang-tidy over ${#sources[@]} sources"
     LINT_COMMANDS=$(realpath "$build/compile_commands.json")
     LINT_STAMPS=$(dirname "$LINT_COMMANDS")/tidy

@@ -15,7 +15,7 @@ import re
 import subprocess
 import sys
 
-FOLDERS = ("common", "s3", "src", "server", "devstore")
+FOLDERS = ("common", "s3", "src", "server", "devstore", "client")
 NOT_FOUND = "No such file or directory"
 
 
