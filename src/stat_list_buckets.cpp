@@ -147,8 +147,11 @@ void zorvan_i_s3_stat_list_buckets(zorvan_i_s3_stat_request_t* request) noexcept
     zorvan_i_s3_stat_add(request, zorvan_i_s3_stat_directory(".", 0, zorvan_i_s3_stat_hash("/")));
     ZORVAN_S3_LOG(trace, ZORVAN_S3_DEBUG, "Root listing added\n");
 
-    list_service(trace, request);
-    add_known_buckets(trace, request);
+    /* The request below would forget it, and the listing would lack its root unnoticed. */
+    if (request->result == ZORVAN_SUCCESS) {
+        list_service(trace, request);
+        add_known_buckets(trace, request);
+    }
     zorvan_hashtable_destroy_all(&request->bucket_names, std::free);
 
     if (request->status != S3StatusOK) {

@@ -233,11 +233,12 @@ TEST_F(ListBuckets, BucketSetThatCannotBeMadeIsAnEmptySuccess) {
 }
 
 TEST_F(ListBuckets, ExhaustedMemoryIsTheMallocError) {
+    // The first two are those of the bucket set, see above.
     zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
     s3_script_clear(S3Kind::list_service);
     bool went_through = false;
     int failures = 0;
-    for (long n = 2; n < 200 && !went_through; ++n) {
+    for (long n = 3; n < 200 && !went_through; ++n) {
         s3_script(S3Kind::list_service, service({{"one", 5}, {"two", 6}}));
         Operation op;
         set_thread_mode(ThreadMode::deferred);
@@ -247,7 +248,8 @@ TEST_F(ListBuckets, ExhaustedMemoryIsTheMallocError) {
         went_through = !allocation_failed();
         fail_allocation(0);
         s3_script_clear(S3Kind::list_service);
-        if (op.finish().result != ZORVAN_SUCCESS) {
+        // Of a listing with a hole nobody is told that it is whole.
+        if (!went_through) {
             ++failures;
             expect_system(op.finish().error, "malloc", ENOMEM);
         }
