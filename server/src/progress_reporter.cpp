@@ -61,21 +61,24 @@ void progress_reporter::report() {
     }
 }
 
-void progress_reporter::arm() {
-    if (stopped_) {
-        return;
+// Markers are no reason to end a transfer.
+void progress_reporter::arm() noexcept {
+    if (!stopped_ && !run_without_throwing([this] { arm_timer(); })) {
+        (void)run_without_throwing([] {
+            log_line(ZORVAN_GFS_LOG_WARNING, "out of memory: a transfer goes on without progress markers");
+        });
     }
+}
+
+void progress_reporter::arm_timer() {
     timer_.expires_after(interval_);
     timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         // A cancel comes too late for an expiry that is queued already.
         if (error || self->stopped_) {
             return;
         }
-        // A marker more or less is no reason to end a transfer.
         (void)run_without_throwing([&] { self->report(); });
-        if (!run_without_throwing([&] { self->arm(); })) {
-            log_line(ZORVAN_GFS_LOG_WARNING, "out of memory: a transfer goes on without progress markers");
-        }
+        self->arm();
     });
 }
 

@@ -52,7 +52,8 @@ class progress_reporter final : public transfer_events,
     };
 
   private:
-    void arm();
+    void arm() noexcept;
+    void arm_timer();
     void report();
 
     transfer_events& events_;

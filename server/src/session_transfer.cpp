@@ -13,6 +13,7 @@
 #include "digest.h"
 #include "extended_receiver.h"
 #include "extended_sender.h"
+#include "out_of_memory.h"
 #include "pool_wait.h"
 #include "server_log.h"
 #include "session_implementation.h"
@@ -130,7 +131,7 @@ task<transfer_outcome> backend_session::implementation::transfer(std::shared_ptr
     if (reporter != nullptr) {
         reporter->stop();
         if (!sends && !outcome.aborted) {
-            restart = reporter->unreported();
+            (void)run_without_throwing([&] { restart = reporter->unreported(); });
         }
     }
     operation::guard held(*op);

@@ -336,6 +336,24 @@ TEST(LiveExtendedUpload, HasALimitOfConnections) {
     EXPECT_FALSE(stored("/bucket/x"));
 }
 
+TEST(LiveExtendedUpload, TheLimitOfConnectionsIsConfigured) {
+    LiveServer server("[server]\ndata_connections = 2\n[timeouts]\nheld_up_ms = 1\n");
+    const std::string data = pattern(100000);
+    Uploader up(server);
+    up.connect(2);
+    EXPECT_EQ(up.client.command(allo(data)).code, 200);
+    EXPECT_EQ(up.store("STOR /bucket/x", deal(data, 2, 10000)).code, 226);
+    EXPECT_EQ(up.client.command(allo(data)).code, 200);
+    EXPECT_EQ(up.store("STOR /bucket/y", {block("0", 0) + end_of_file(3)}).text,
+              "550 More than 2 data connections are not allowed. Transfer aborted.\r\n");
+    up.connect(3);
+    EXPECT_EQ(up.client.command(allo(data)).code, 200);
+    EXPECT_EQ(up.client.command("STOR /bucket/y").code, 150);
+    EXPECT_EQ(up.final_reply().text,
+              "426 More than 2 data connections are not allowed. Transfer aborted.\r\n");
+    EXPECT_FALSE(stored("/bucket/y"));
+}
+
 TEST(LiveExtendedUpload, WantsTheSenderToConnect) {
     LiveServer server;
     put("/bucket/x", "data");
@@ -713,6 +731,9 @@ TEST(LiveExtendedMarkers, TellHowFarADownloadHasCome) {
     Client client = server.client();
     client.command("MODE E");
     const Socket listener = Socket::listen("127.0.0.1");
+    // What is sent and not read must not be all of it.
+    const int room = 1 << 18;
+    ASSERT_EQ(::setsockopt(listener.number(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
     const int port = listener.local_port();
     client.command("PORT 127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256));
     client.send("RETR /bucket/x\r\n");
