@@ -102,6 +102,35 @@ TEST_F(ReceiveQueue, RegisteredBuffersAreFoundByTheirDataNewestFirst) {
     EXPECT_EQ(list.count(), 0);
 }
 
+TEST_F(ReceiveQueue, LinesOfATake) {
+    Operation op;
+    zorvan_i_s3_receive_t state;
+    const auto own = rules();
+    state.rules = &own;
+    state.op = &op;
+    auto* const full = buffer(0, 10);
+    state.pending.append(full);
+    char room[8];
+    const auto handle = "op=" + pointer_text(&op);
+    {
+        const zorvan_i_s3_trace_t trace("f");
+        EXPECT_EQ(zorvan_i_s3_receive_data(trace, &state, sizeof room, room, zorvan_i_s3_unknown_size), 8);
+        EXPECT_EQ(full->offset, 8);
+        EXPECT_EQ(full->buffer_used, 2u);
+        EXPECT_EQ(zorvan_i_s3_receive_data(trace, &state, sizeof room, room, zorvan_i_s3_unknown_size), 2);
+    }
+    EXPECT_EQ(state.current_offset, 10u);
+    EXPECT_EQ(state.pool.free_list, full);
+    EXPECT_EQ(full->offset, -1);
+    EXPECT_EQ(full->buffer_used, 0u);
+    EXPECT_TRUE(
+        logged("TRACE", "f", "recv_single_data: " + handle + " buffer_size=8 buffer=" + pointer_text(room)));
+    EXPECT_TRUE(logged("TRACE", "f", "partial_buffer_copy: " + handle + " bytes_copied=8"));
+    EXPECT_TRUE(
+        logged("TRACE", "f", "add_to_pending_buffers: " + handle + " s3_buffer=" + pointer_text(full)));
+    op.finishes.emplace_back();
+}
+
 TEST_F(ReceiveQueue, PropertiesAreRefusedWhenTheTransferHasFailed) {
     zorvan_i_s3_receive_t state;
     EXPECT_EQ(zorvan_i_s3_receive_properties("f", &state), S3StatusOK);

@@ -484,6 +484,10 @@ TEST_F(RecvMultipart, SumOfAPartIsBegunOncePerPartNotPerTry) {
 
 TEST_F(RecvMultipart, StaleUploadIsAbortedBeforeTheNewOneBegins) {
     s3_upload("b", "dir/f", "2~old", 1600000000, {"part"});
+    bool told = false;
+    Reply reply;
+    reply.before = [&] { told = log_holds(" S3_abort_multipart_upload(id=2~old) try=0\n"); };
+    s3_script(S3Kind::abort_multipart, reply);
     Operation op;
     upload(op, bytes(150));
     expect_success(op);
@@ -495,6 +499,7 @@ TEST_F(RecvMultipart, StaleUploadIsAbortedBeforeTheNewOneBegins) {
     EXPECT_EQ(abort[0].timeout, 0);
     EXPECT_EQ(abort[0].status, S3StatusOK);
     EXPECT_LT(trace_position("S3_abort_multipart_upload"), trace_position("S3_initiate_multipart"));
+    EXPECT_TRUE(told) << "logged before it is asked for";
     const auto handle = pointer_text(&op);
     EXPECT_TRUE(logged("INFO", "zorvan_l_s3_recv_multipart_thread",
                        "REST: op=" + handle + " S3_abort_multipart_upload(id=2~old) try=0"));

@@ -453,6 +453,17 @@ TEST_F(Send, RetryBeforeAnyDataStartsOver) {
     EXPECT_TRUE(log_says("S3_get_object: op=" + handle + " status=ConnectionFailed[46]\n"));
 }
 
+TEST_F(Send, LastBufferIsRegisteredWhenItsRequestEnds) {
+    auto reply = with_data(bytes(10), S3StatusOK, 10, multipart_etag);
+    int registered = 0;
+    reply.after = [&] { registered = trace_count("register_write"); };
+    s3_script(S3Kind::get_object, reply);
+    Operation op;
+    run(op);
+    expect_success(op);
+    EXPECT_EQ(registered, 1) << "though it is not full";
+}
+
 TEST_F(Send, LevelsOfTheLines) {
     s3_object("b", "dir/f", bytes(300));
     expect_levels({{ZORVAN_S3_INFO, "send: op="},
