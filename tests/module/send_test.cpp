@@ -837,4 +837,15 @@ TEST_F(SendDeathTest, NullSessionIsAnAssertion) {
     op.finishes.emplace_back();
 }
 
+TEST_F(SendDeathTest, CompletionWithoutAStateIsAnAssertion) {
+    // The download has a thread: it dies in a process of its own.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Reply nobody;
+    nobody.null_data = true;
+    s3_script(S3Kind::get_object, nobody);
+    Operation op;
+    EXPECT_DEATH(run(op), "Assertion transfer_state != NULL failed in file send at line [0-9]+\n");
+    op.finishes.emplace_back();
+}
+
 }  // namespace
