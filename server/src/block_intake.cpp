@@ -65,8 +65,8 @@ void block_intake::start_intake() {
 
 void block_intake::add(std::unique_ptr<data_stream> stream) {
     // The client's data come in while the back end has no read registered.
-    stream->set_buffer_sizes(
-        intake_config_.block_size * static_cast<std::size_t>(intake_config_.concurrency), 0);
+    stream->set_buffer_sizes(intake_config_.block_size * static_cast<std::size_t>(intake_config_.concurrency),
+                             0);
     auto added = make_connection(std::move(stream));
     connection& serving = *added;
     connections_.push_back(std::move(added));

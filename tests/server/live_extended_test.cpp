@@ -199,7 +199,7 @@ TEST_P(LiveExtended, AnIdleConnectionHoldsNobodyUp) {
 TEST_P(LiveExtended, TakesThousandsOfTinyBlocks) {
     LiveServer server;
     Uploader up(server);
-    const std::string data = pattern(20000);
+    const std::string data = pattern(4000);
     announce(up, data);
     auto dealt = deal(data, 3, 1);
     dealt[1] = header(0, 0, 0) + header(0, 0, ~0ULL) + dealt[1];
