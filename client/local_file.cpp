@@ -95,38 +95,43 @@ void source_file::start(std::uint64_t offset, bool summed, const stop_flags& sto
     offset_ = offset;
 }
 
-std::size_t source_file::read_some(std::span<unsigned char> into, const stop_flags& stop) {
-    if (size()) return read_at(file_.fd(), offset_, into, path_);
-    for (;;) {
+source_file::piece source_file::next_of_stream(std::span<unsigned char> into, const stop_flags& stop) {
+    while (!ended_) {
         wait_for(file_.fd(), POLLIN, std::nullopt, stop);
         const auto count = ::read(file_.fd(), into.data(), into.size());
-        if (count >= 0) return static_cast<std::size_t>(count);
-        if (errno != EINTR && errno != EAGAIN) throw read_failure("cannot read", path_, errno);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (count < 0) throw read_failure("cannot read", path_, errno);
+        ended_ = count == 0;
+        return taken(into.first(static_cast<std::size_t>(count)));
     }
+    return {offset_, 0};
+}
+
+source_file::piece source_file::taken(std::span<const unsigned char> bytes) {
+    const piece found{offset_, bytes.size()};
+    if (sum_) sum_->add(bytes);
+    offset_ += bytes.size();
+    return found;
 }
 
 source_file::piece source_file::next(std::span<unsigned char> into, const stop_flags& stop) {
-    const std::lock_guard held(mutex_);
-    piece found{offset_, 0};
-    if (ended_) return found;
     const auto known = size();
-    const auto wanted = known
-                            ? static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), *known - offset_))
-                            : into.size();
-    if (wanted > 0) found.size = read_some(into.first(wanted), stop);
-    if (found.size == 0) {
+    // No lock is held while a pipe is waited for: only one thread reads it.
+    if (!known) return next_of_stream(into, stop);
+    const std::lock_guard held(mutex_);
+    if (ended_) return {offset_, 0};
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(into.size(), *known - offset_));
+    const auto count = read_at(file_.fd(), offset_, into.first(wanted), path_);
+    if (count == 0) {
         // Before the end of the data is announced: until then the server keeps nothing.
         struct stat now{};
-        if (known && (offset_ < *known || ::fstat(file_.fd(), &now) != 0 || !same_content(status_, now))) {
+        if (offset_ < *known || ::fstat(file_.fd(), &now) != 0 || !same_content(status_, now)) {
             throw failure(exit_status::read_failed,
                           gridftp::printable(path_) + " changed while it was being sent");
         }
         ended_ = true;
-        return found;
     }
-    if (sum_) sum_->add(into.first(found.size));
-    offset_ += found.size;
-    return found;
+    return taken(into.first(count));
 }
 
 // ------------------------------------------------------------------------------ received

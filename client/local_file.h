@@ -34,6 +34,7 @@ class source_file {
         std::size_t size = 0;  ///< 0: the end
     };
     /// The next bytes, as many as fit unless the file ends. At the end it has been seen that nothing changed.
+    /// What is no regular file is read by one thread alone.
     /// @throws failure  read_failed
     piece next(std::span<unsigned char> into, const stop_flags& stop);
 
@@ -41,7 +42,8 @@ class source_file {
     std::string md5() { return sum_->finish(); }
 
   private:
-    std::size_t read_some(std::span<unsigned char> into, const stop_flags& stop);
+    piece next_of_stream(std::span<unsigned char> into, const stop_flags& stop);
+    piece taken(std::span<const unsigned char> bytes);
 
     std::string path_;
     descriptor file_;

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <cstring>
-#include <regex>
 
 #include "block_codec.h"
 #include "copier.h"
@@ -122,12 +121,14 @@ descriptor peer::passive() {
 
 endpoint peer::active() {
     const auto argument = answer("EPRT", "200 ok");
-    std::smatch parts;
-    if (!std::regex_match(argument, parts, std::regex(R"(\|1\|([0-9.]+)\|(\d+)\|)"))) {
+    const std::string_view begin = "|1|";
+    const auto bar = argument.find('|', begin.size());
+    if (!argument.starts_with(begin) || bar == std::string::npos || !argument.ends_with('|')) {
         ADD_FAILURE() << argument;
         throw script_end();
     }
-    return loopback(parts[1], static_cast<unsigned>(std::stoul(parts[2])));
+    return loopback(argument.substr(begin.size(), bar - begin.size()),
+                    static_cast<unsigned>(std::stoul(argument.substr(bar + 1))));
 }
 
 descriptor listen_on_loopback() {
