@@ -11,8 +11,8 @@
 #include "s3_request.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -138,18 +138,23 @@ S3Status zorvan_l_s3_send_properties(const S3ResponseProperties* properties, voi
     if (request->checksumming && zorvan_i_s3_metadata_has_checksum(properties, md5sum))
         request->checksumming = false;
     request->etag.reset(zorvan_libc_strdup(properties->eTag));
-    if (properties->contentLength != 0) request->full_size = request->range_start + properties->contentLength;
+    if (properties->contentLength != 0) {
+        /* A sum that wrapped to 0 would be taken for an unknown size, and a short object for a whole one. */
+        const uint64_t most = UINT64_MAX - request->range_start;
+        request->full_size = request->range_start + std::min<uint64_t>(properties->contentLength, most);
+    }
     return trace.exit_status(S3StatusOK);
 }
 
 /** Wait until a new buffer may be filled: at most twice the concurrency of full ones may be pending. The
  * mutex is held. @return false when the transfer has failed */
 bool wait_for_room(send_request_t* request, std::unique_lock<std::mutex>& lock, int concurrency) noexcept {
-    while (request->pending.count() > 2 * concurrency) {
+    const int64_t most = 2 * int64_t{concurrency};
+    while (request->pending.count() > most) {
         if (request->result != ZORVAN_SUCCESS) return false;
         /* Something must be registered, or nobody would end the wait. */
         if (zorvan_l_s3_send_pending_buffers(request) != 0) return false;
-        if (request->pending.count() > 2 * concurrency) request->condition.wait(lock);
+        if (request->pending.count() > most) request->condition.wait(lock);
     }
     return request->result == ZORVAN_SUCCESS;
 }
@@ -193,19 +198,37 @@ S3Status zorvan_l_s3_send_data(int buffer_size, const char* buffer, void* callba
     return trace.exit_status(static_cast<S3Status>(zorvan_l_s3_send_pending_buffers(request)));
 }
 
+/** Read what "%li" reads at `*text` and step behind it. @return false for no number and for one out of range,
+ * which would pass for the largest */
+bool take_number(const char** text, long* value) noexcept {
+    char* end = nullptr;
+    errno = 0;
+    *value = std::strtol(*text, &end, 0);
+    if (end == *text || errno == ERANGE) return false;
+    *text = end;
+    return true;
+}
+
 /** Whether the details of an invalid range prove a read from exactly the object's end to its end. */
 bool is_read_at_end(const S3ErrorDetails* details) noexcept {
+    constexpr std::string_view unit = "bytes=";
     long requested_start = 0;
     long actual_size = -1;
     for (int i = 0; details && i < details->extraDetailsCount; ++i) {
         const S3NameValue& extra = details->extraDetails[i];
+        if (!extra.name || !extra.value) continue;
         const std::string_view name = extra.name;
+        const char* value = extra.value;
         if (name == "RangeRequested") {
-            long requested_end = -1;
-            const int fields = std::sscanf(extra.value, "bytes=%li-%li", &requested_start, &requested_end);
-            if (fields != 1) return false;
+            if (!std::string_view(value).starts_with(unit)) return false;
+            value += unit.size();
+            if (!take_number(&value, &requested_start)) return false;
+            if (*value != '-') continue;
+            char* end = nullptr;
+            static_cast<void>(std::strtol(++value, &end, 0));
+            if (end != value) return false;
         } else if (name == "ActualObjectSize") {
-            if (std::sscanf(extra.value, "%li", &actual_size) != 1) return false;
+            if (!take_number(&value, &actual_size)) return false;
         }
     }
     return requested_start != 0 && requested_start == actual_size;
