@@ -26,6 +26,7 @@ std::mutex cache_mutex;
 zorvan_hashtable_t l_checksum_cache = nullptr;
 
 void _checksum_entry_free(void* datum) noexcept {
+    zorvan_i_s3_trace_t trace(__func__);
     auto* const entry = static_cast<checksum_entry_t*>(datum);
     if (!entry) return;
     std::free(entry->path);
@@ -71,6 +72,7 @@ zorvan_result_t zorvan_i_s3_checksum_finalize(zorvan_i_s3_checksum_t* checksum) 
 }
 
 void zorvan_i_s3_checksum_free(zorvan_i_s3_checksum_t** checksum) noexcept {
+    zorvan_i_s3_trace_t trace(__func__);
     std::free(*checksum);
     *checksum = nullptr;
 }

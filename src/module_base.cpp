@@ -67,22 +67,24 @@ zorvan_gridftp_server_dsi_t zorvan_l_ceph_dsi_iface = {
 };
 
 zorvan_result_t zorvan_l_ceph_activate() {
-    zorvan_result_t result = zorvan_i_s3_config_parse();
-    if (result != ZORVAN_SUCCESS) return result;
-    result = zorvan_module_activate(&zorvan_i_s3_base_module);
-    if (result != ZORVAN_SUCCESS) return result;
-
     zorvan_i_s3_trace_t trace(__func__);
+    zorvan_result_t result = zorvan_i_s3_config_parse();
+    if (result != ZORVAN_SUCCESS) return trace.exit_result(result);
+    result = zorvan_module_activate(&zorvan_i_s3_base_module);
+    if (result != ZORVAN_SUCCESS) return trace.exit_result(result);
+
     result = zorvan_extension_registry_add(&zorvan_i_gfs_dsi_registry, dsi_name,
                                            &zorvan_gridftp_server_ceph_module, &zorvan_l_ceph_dsi_iface);
+    /* Before the base module takes the log with it. */
     trace.exit_result(result);
     if (result != ZORVAN_SUCCESS) zorvan_module_deactivate(&zorvan_i_s3_base_module);
     return result;
 }
 
 zorvan_result_t zorvan_l_ceph_deactivate() {
+    zorvan_i_s3_trace_t trace(__func__);
     zorvan_extension_registry_remove(&zorvan_i_gfs_dsi_registry, dsi_name);
-    return zorvan_module_deactivate(&zorvan_i_s3_base_module);
+    return trace.exit_result(zorvan_module_deactivate(&zorvan_i_s3_base_module));
 }
 
 constexpr zorvan_version_t ceph_version = {.major = 0, .minor = 78};
@@ -171,6 +173,7 @@ void zorvan_i_s3_result_clear(zorvan_result_t* result) noexcept {
 
 zorvan_error_t* zorvan_i_S3Error_to_error(S3Status status, const char* path,
                                           const S3ErrorDetails* error_details) noexcept {
+    zorvan_i_s3_trace_t trace(__func__);
     const char* const name = S3_get_status_name(status);
     const char* const message = error_details && error_details->message ? error_details->message : name;
     const char* resource = path ? path : "";

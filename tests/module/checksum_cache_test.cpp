@@ -91,6 +91,8 @@ TEST_F(Checksum, FailedAllocationIsTheMallocError) {
 TEST_F(Checksum, FreeOfNothingIsHarmless) {
     zorvan_i_s3_checksum_free(&context);
     EXPECT_EQ(context, nullptr);
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_checksum_free", "enter"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_checksum_free", "exit"));
 }
 
 // ---------------------------------------------------------------------------------------------- cache
@@ -171,6 +173,18 @@ TEST_F(ChecksumCache, EmptySumIsNotCachedAndLogged) {
     EXPECT_EQ(host_logged(2, "Can not cache invalid checksum:  path: 'b/k', checksum: '', etag: '\"e\"'\n"),
               1);
     EXPECT_EQ(find("b", "k", "\"e\"", 3), "(none)");
+}
+
+TEST_F(ChecksumCache, NullKeyIsAnEmptyOne) {
+    zorvan_i_s3_checksum_add("b", nullptr, "\"e\"", 3, abc_md5);
+    EXPECT_EQ(find("b", nullptr, "\"e\"", 3), abc_md5);
+    EXPECT_EQ(find("b", "", "\"e\"", 3), abc_md5);
+}
+
+TEST_F(ChecksumCache, NothingIsWrittenWhenNothingIsFound) {
+    char sum[zorvan_i_s3_md5sum_size] = "untouched";
+    EXPECT_FALSE(zorvan_i_s3_checksum_find("b", "k", "\"e\"", 3, sum));
+    EXPECT_STREQ(sum, "untouched");
 }
 
 TEST_F(ChecksumCache, LongKeysAreWhole) {

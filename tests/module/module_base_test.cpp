@@ -62,6 +62,32 @@ TEST_F(ModuleBase, DeactivationTakesTheTableOutAndShutsTheClientDown) {
     EXPECT_EQ(zorvan_extension_registry_lookup(&handle, &zorvan_i_gfs_dsi_registry, "ceph"), nullptr);
 }
 
+TEST_F(ModuleBase, DeactivationTakesTheTableOutFirst) {
+    bool registered = true;
+    bool known_type = true;
+    bool known_sum = true;
+    activate("mime_types_path = " + write_file("mime.types", "text/plain txt\n") + "\n");
+    zorvan_i_s3_checksum_add("b", "k", "\"e\"", 3, "900150983cd24fb0d6963f7d28e17f72");
+    Reply reply;
+    reply.before = [&] {
+        zorvan_extension_handle_t handle = nullptr;
+        registered = zorvan_extension_registry_lookup(&handle, &zorvan_i_gfs_dsi_registry, "ceph") != nullptr;
+        zorvan_extension_release(handle);
+        known_type = zorvan_i_s3_mime_type_of_extension("txt") != nullptr;
+        char sum[zorvan_i_s3_md5sum_size] = "";
+        known_sum = zorvan_i_s3_checksum_find("b", "k", "\"e\"", 3, sum);
+    };
+    s3_script(S3Kind::deinitialize, reply);
+    EXPECT_STREQ(zorvan_i_s3_mime_type_of_extension("txt"), "text/plain");
+    deactivate();
+    EXPECT_FALSE(registered);
+    EXPECT_FALSE(known_type);
+    EXPECT_FALSE(known_sum);
+    EXPECT_TRUE(logged("TRACE", "zorvan_l_ceph_deactivate", "enter"));
+    EXPECT_TRUE(logged("TRACE", "_checksum_entry_free", "enter"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_l_s3_base_deactivate", "result=ZORVAN_SUCCESS"));
+}
+
 TEST_F(ModuleBase, DeactivationClosesTheLogFile) {
     activate();
     EXPECT_NE(zorvan_i_ZORVAN_S3_debug_handle.file, nullptr);
@@ -86,6 +112,8 @@ TEST_F(ModuleBase, ConfigurationIsReadBeforeTheLogExists) {
     EXPECT_FALSE(log_holds("parsing config file"));
     EXPECT_FALSE(log_holds("parsing line"));
     EXPECT_EQ(host_config_string_queries(), 1);
+    EXPECT_TRUE(logged("TRACE", "zorvan_l_s3_base_activate", "result=ZORVAN_SUCCESS"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_l_ceph_activate", "result=ZORVAN_SUCCESS"));
 }
 
 TEST_F(ModuleBase, MissingMimeFileFailsActivationAndIsLoggedAtTheHost) {
@@ -94,6 +122,10 @@ TEST_F(ModuleBase, MissingMimeFileFailsActivationAndIsLoggedAtTheHost) {
     EXPECT_EQ(result, ZORVAN_FAILURE);
     EXPECT_EQ(host_logged(1, "There was an error parsing the mime.types file " + path + "."), 1);
     EXPECT_EQ(host_log().size(), 1u);
+    EXPECT_TRUE(log_holds("s3: ERROR: zorvan_l_ceph_activate: result=0xffffffff message=")) << log_text();
+    char sum[zorvan_i_s3_md5sum_size] = "";
+    zorvan_i_s3_checksum_add("b", "k", "\"e\"", 3, "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_FALSE(zorvan_i_s3_checksum_find("b", "k", "\"e\"", 3, sum)) << "there is no cache";
     zorvan_extension_handle_t handle = nullptr;
     EXPECT_EQ(zorvan_extension_registry_lookup(&handle, &zorvan_i_gfs_dsi_registry, "ceph"), nullptr);
 }
@@ -110,6 +142,9 @@ TEST_F(ModuleBase, RefusedRegistrationDeactivatesTheBaseModule) {
     const auto result = try_activate("");
     EXPECT_NE(result, ZORVAN_SUCCESS);
     EXPECT_TRUE(view_result(result).present);
+    EXPECT_TRUE(logged("ERROR", "zorvan_l_ceph_activate",
+                       "result=" + result_text(result) + " message=" + view_result(result).friendly))
+        << log_text();
     release_result(result);
     EXPECT_EQ(trace_count("S3_deinitialize"), 1);
     EXPECT_EQ(zorvan_module_deactivate(&zorvan_i_s3_base_module), ZORVAN_FAILURE) << "it was left active";

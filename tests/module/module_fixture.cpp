@@ -352,7 +352,10 @@ void expect_ftp(const ErrorView& error, int code, const std::string& word, const
 
 void expect_s3(const ErrorView& error, const std::string& text) {
     EXPECT_TRUE(error.present);
-    EXPECT_EQ(error.type, ZORVAN_ERROR_TYPE_S3) << error.friendly;
+    EXPECT_EQ(error.type, 1) << error.friendly;
+    EXPECT_EQ(error.source_file, "module_base");
+    EXPECT_EQ(error.function, "zorvan_i_S3Error_to_error");
+    EXPECT_GT(error.line, 0);
     EXPECT_EQ(error.module, "zorvan_gridftp_server_s3_base");
     EXPECT_EQ(error.text.value_or("(none)"), text);
     EXPECT_EQ(error.ftp_code, 0);

@@ -118,6 +118,12 @@ TEST_F(Mapping, EveryOtherStatusIsTheCauseItself) {
     }
 }
 
+TEST_F(Mapping, IsTraced) {
+    map(S3StatusErrorNoSuchKey, "b/k");
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_S3Error_to_error", "enter"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_S3Error_to_error", "exit"));
+}
+
 TEST_F(Mapping, DetailsFillTheText) {
     const auto view =
         map(S3StatusErrorInternalError, "b/k", Details{"the message", "/the/resource", "and further", {}});

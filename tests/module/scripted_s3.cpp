@@ -340,7 +340,9 @@ S3Status S3_initialize(const char* userAgentInfo, int flags, const char* default
 void S3_deinitialize(void) {
     const OutOfModule outside;
     trace_add("S3_deinitialize");
-    begin(call_of(S3Kind::deinitialize, nullptr, 0));
+    const auto call = call_of(S3Kind::deinitialize, nullptr, 0);
+    begin(call);
+    if (const auto reply = decide(call); reply.before) reply.before();
 }
 
 S3Status S3_set_option(S3Option, int64_t) {
