@@ -5,6 +5,7 @@
  * settings are written by activation alone and read without locks afterwards; parsing a policy touches none.
  * Ownership: what a policy yields belongs to the caller.
  */
+#include "config_keys.h"
 #include "s3_request.h"
 
 #include <jansson.h>
@@ -62,6 +63,8 @@ zorvan_result_t store_string(char** setting, const char* value) noexcept {
     *setting = zorvan_libc_strdup(value);
     return *setting ? ZORVAN_SUCCESS : zorvan_i_s3_malloc_error();
 }
+
+}  // namespace
 
 zorvan_result_t zorvan_l_s3_config_parse_key(const char* path, int line_number, const char* key,
                                              const char* value, const config_key_t* config_keys,
@@ -123,6 +126,7 @@ zorvan_result_t zorvan_l_s3_config_check_required(const char* path,
     return trace.exit_result(result);
 }
 
+namespace {
 /** Cut the comment and the white space around what is left. @return the text inside `line` */
 char* trim(char* line) noexcept {
     constexpr const char* blanks = " \t\n\v\f\r";

@@ -1,6 +1,10 @@
 // The configuration file and the collection storage policy.
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
+#include "config_keys.h"
 #include "module_fixture.h"
 
 using namespace module_test;
@@ -233,7 +237,18 @@ TEST_F(ConfigParse, LastOfTwoValuesStands) {
 }
 
 TEST_F(ConfigParse, EqualStringIsLeftAlone) {
-    activate("host_name = same\nhost_name = same\n");
+    activate("host_name = same\n");
+    const auto allocations_of_a_reading = [] {
+        const InModule inside;
+        fail_allocation(0);
+        EXPECT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
+        return allocations_made();
+    };
+    const auto again = allocations_of_a_reading();
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "same");
+    std::free(zorvan_i_s3_default_hostname);
+    zorvan_i_s3_default_hostname = strdup("other");
+    EXPECT_EQ(allocations_of_a_reading(), again + 1) << "a copy of what differs, none of what is equal";
     EXPECT_STREQ(zorvan_i_s3_default_hostname, "same");
 }
 
@@ -277,6 +292,133 @@ TEST_F(ConfigParse, WithoutAHostStringTheDefaultPathIsUsed) {
     std::free(expected);
     release_result(result);
 }
+
+TEST_F(ConfigParse, FileAtTheDefaultPathIsRead) {
+    setenv("ZORVAN_PREFIX", path_of("prefix").c_str(), 1);
+    char* path = nullptr;
+    ASSERT_EQ(zorvan_eval_path("${sysconfdir}/zorvan/zorvan-gridftp-server-ceph.conf", &path),
+              ZORVAN_SUCCESS);
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path) << "host_name = of-the-default-path\n";
+    std::free(path);
+    EXPECT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "of-the-default-path");
+
+    // Its evaluation is the first to ask for memory.
+    zorvan_result_t result = 0;
+    {
+        const InModule inside;
+        fail_allocation(1);
+        result = zorvan_i_s3_config_parse();
+        fail_allocation(0);
+    }
+    unsetenv("ZORVAN_PREFIX");
+    const auto view = view_result(result);
+    EXPECT_TRUE(view.present);
+    EXPECT_EQ(view.friendly.find("config file"), std::string::npos) << view.friendly;
+    release_result(result);
+}
+
+TEST_F(ConfigParse, FolderInPlaceOfTheFileIsNoConfiguration) {
+    host_set_config_string(path_of("."));
+    const auto result = zorvan_module_activate(&zorvan_gridftp_server_ceph_module);
+    expect_system(view_result(result), "Error loading config file " + path_of(".") + ": ", EISDIR);
+    release_result(result);
+}
+
+TEST_F(ConfigParse, FileIsClosedAfterReading) {
+    const auto open_files = [this] {
+        int count = 0;
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            count += std::filesystem::read_symlink(entry.path(), ignored) == path_of("ceph.conf");
+        return count;
+    };
+    expect_refused("nonsense = 1\n", "Error parsing PATH:1: unknown option \"nonsense\"\n");
+    EXPECT_EQ(open_files(), 0);
+    activate();
+    EXPECT_EQ(open_files(), 0);
+}
+
+// ------------------------------------------------------------------------------------ tables of keys
+
+class ConfigKeys : public ModuleTest {
+  protected:
+    using Key = zorvan_i_s3_config_key_t;
+    static void SetText(char*& setting, const char* text) {
+        std::free(setting);
+        setting = text == nullptr ? nullptr : strdup(text);
+    }
+    void TearDown() override {
+        SetText(first, nullptr);
+        SetText(second, nullptr);
+        ModuleTest::TearDown();
+    }
+    char* first = nullptr;
+    char* second = nullptr;
+    int number = 0;
+    const Key keys[5] = {
+        {.name = "free", .string_value = &first},
+        {.value_type = ZORVAN_S3_CONFIG_INT, .name = "count", .int_value = &number, .required = true},
+        {.name = "one", .string_value = &first, .required = true},
+        {.name = "two", .string_value = &second, .required = true},
+        {},
+    };
+};
+
+TEST_F(ConfigKeys, FirstRequiredStringWithoutAValueIsNamed) {
+    auto result = zorvan_l_s3_config_check_required("/a/file", keys);
+    expect_generic(view_result(result), "config_parse", "Required config \"one\" not set in /a/file\n");
+    release_result(result);
+    SetText(first, "value");
+    result = zorvan_l_s3_config_check_required("/a/file", keys);
+    expect_generic(view_result(result), "config_parse", "Required config \"two\" not set in /a/file\n");
+    release_result(result);
+    SetText(second, "");
+    EXPECT_EQ(zorvan_l_s3_config_check_required("/a/file", keys), ZORVAN_SUCCESS) << "empty is not unset";
+}
+
+TEST_F(ConfigKeys, NothingIsAskedOfKeysThatAreNotRequired) {
+    EXPECT_EQ(zorvan_l_s3_config_check_required("/a/file", keys + 4), ZORVAN_SUCCESS);
+    const Key optional[2] = {keys[0], {}};
+    EXPECT_EQ(zorvan_l_s3_config_check_required("/a/file", optional), ZORVAN_SUCCESS);
+}
+
+TEST_F(ConfigKeys, KeyIsFoundInItsTableAlone) {
+    bool found = false;
+    EXPECT_EQ(zorvan_l_s3_config_parse_key("/a/file", 7, "two", "v", keys, &found), ZORVAN_SUCCESS);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(first, nullptr);
+    EXPECT_STREQ(second, "v");
+    found = false;
+    EXPECT_EQ(zorvan_l_s3_config_parse_key("/a/file", 7, "Two", "w", keys, &found), ZORVAN_SUCCESS);
+    EXPECT_FALSE(found);
+    EXPECT_STREQ(second, "v");
+    const auto result = zorvan_l_s3_config_parse_key("/a/file", 7, "count", "-3", keys, &found);
+    EXPECT_TRUE(found);
+    expect_generic(view_result(result), "config_parse",
+                   "Error parsing /a/file:7: unexpected value for integer attribute count: \"-3\"\n");
+    release_result(result);
+    EXPECT_EQ(number, -3);
+}
+
+TEST_F(ConfigKeys, BothTablesAreCheckedAtTheEndOfTheFile) {
+    activate("host_name = h\nceph_rgw_admin_access_key_id = A\nceph_rgw_admin_secret_access_key = S\n");
+    ASSERT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
+    int checks = 0;
+    int reads = 0;
+    for (const auto& line : log_lines()) {
+        checks += line.function == "zorvan_l_s3_config_check_required" && line.message == "enter";
+        reads += line.function == "zorvan_l_s3_config_parse_key" && line.message == "enter";
+        if (line.function == "zorvan_l_s3_config_parse_key") {
+            EXPECT_EQ(checks, 0);
+        }
+    }
+    EXPECT_EQ(checks, 2);
+    EXPECT_EQ(reads, 5) << "the general table is looked through first";
+}
+
+// ------------------------------------------------------------------------------------ exhausted memory
 
 TEST_F(ConfigParse, EveryAllocationThatFailsRefusesOrIsHarmless) {
     bool malloc_error_seen = false;
