@@ -59,6 +59,14 @@ TEST_F(BucketAllowed, WithoutAResultNothingIsLeftBehind) {
     EXPECT_EQ(zorvan_error_table_count(), before);
 }
 
+TEST_F(BucketAllowed, AnswerIsTraced) {
+    EXPECT_TRUE(zorvan_i_s3_bucket_allowed("data", only_data, nullptr));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_bucket_allowed", "exit: 1"));
+    EXPECT_FALSE(logged("TRACE", "zorvan_i_s3_bucket_allowed", "exit: 0"));
+    EXPECT_FALSE(zorvan_i_s3_bucket_allowed("other", only_data, nullptr));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_bucket_allowed", "exit: 0"));
+}
+
 TEST_F(BucketAllowed, EmptyListForbidsAll) {
     char* none[1] = {nullptr};
     EXPECT_FALSE(zorvan_i_s3_bucket_allowed("data", none, nullptr));
@@ -125,6 +133,13 @@ TEST_F(KeyPairs, PrefixWithSlashMatchesTheDirectoryItselfAlone) {
     EXPECT_EQ(chosen("b", "dir"), "PAIR");
     EXPECT_EQ(chosen("b", "dir/x"), "PAIR");
     EXPECT_EQ(chosen("b", "directory"), "AK-alice");
+}
+
+TEST_F(KeyPairs, LengthBeyondThePrefixComparesItsEndToo) {
+    add("PAIR", "dir/", 9, "", false);
+    EXPECT_EQ(chosen("b", "dir"), "PAIR");
+    EXPECT_EQ(chosen("b", "dir/x"), "AK-alice");
+    EXPECT_EQ(chosen("b", "di"), "AK-alice");
 }
 
 TEST_F(KeyPairs, LengthZeroMatchesEveryKey) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "module_fixture.h"
+#include "region_table.h"
 
 using namespace module_test;
 
@@ -275,10 +276,40 @@ TEST_F(BucketContext, NamesOf255And256CharactersBehave) {
     EXPECT_STREQ(context_of(longest).authRegion, "eu-west-2");
     EXPECT_EQ(probes(), 1u);
     EXPECT_STREQ(context_of(too_long).authRegion, "eu-west-2");
-    const auto third = context_of(too_long);
-    EXPECT_STREQ(third.authRegion, "eu-west-2");
-    EXPECT_STREQ(third.bucketName, too_long.c_str());
+    EXPECT_EQ(probes(), 2u);
+    const auto again = context_of(too_long);
+    EXPECT_STREQ(again.authRegion, "eu-west-2");
+    EXPECT_STREQ(again.bucketName, too_long.c_str());
+    EXPECT_EQ(probes(), 2u) << "256 characters fill the cache and are found there";
     EXPECT_STREQ(context_of(longest).bucketName, longest.c_str());
+    EXPECT_EQ(probes(), 3u);
+}
+
+TEST_F(BucketContext, NameBeyondTheCacheIsProbedEachTime) {
+    session_for("s3.us-west-2.amazonaws.com", "us-west-2");
+    s3_respond(S3Kind::head_object, [](const S3Call&) { return region_reply("eu-west-2"); });
+    const std::string name(257, 'm');
+    EXPECT_STREQ(context_of(name).authRegion, "eu-west-2");
+    EXPECT_STREQ(context_of(name).authRegion, "eu-west-2");
+    EXPECT_EQ(probes(), 2u);
+    // The row goes with the characters that were kept.
+    EXPECT_STREQ(context_of(std::string(256, 'm')).authRegion, "eu-west-2");
+    EXPECT_EQ(probes(), 2u);
+}
+
+TEST_F(BucketContext, EmptyNameIsNeverTakenForCached) {
+    session_for("s3.us-west-2.amazonaws.com", "us-west-2");
+    s3_respond(S3Kind::head_object, [](const S3Call&) { return region_reply("eu-west-2"); });
+    context_of("");
+    context_of("");
+    EXPECT_EQ(probes(), 2u);
+}
+
+TEST_F(BucketContext, NullKeyIsNoCrash) {
+    session_for("rgw");
+    S3BucketContext context{};
+    EXPECT_EQ(zorvan_i_s3_bucket_context(session, nullptr, "b", &context), ZORVAN_SUCCESS);
+    EXPECT_STREQ(context.accessKeyId, "ID");
 }
 
 TEST_F(BucketContext, ForbiddenBucketIsNotProbed) {
@@ -359,20 +390,42 @@ TEST_F(BucketContext, ManyThreadsShareTheCache) {
 
 struct Row {
     const char* region;
+    const char* display_name;
     bool fips;
 };
 constexpr Row rows[] = {
-    {"us-east-2", true},       {"us-east-1", true},       {"us-west-1", true},
-    {"us-west-2", true},       {"af-south-1", false},     {"ap-east-1", false},
-    {"ap-south-2", false},     {"ap-southeast-3", false}, {"ap-southeast-4", false},
-    {"ap-south-1", false},     {"ap-northeast-3", false}, {"ap-northeast-2", false},
-    {"ap-southeast-1", false}, {"ap-southeast-2", false}, {"ap-northeast-1", false},
-    {"ca-central-1", true},    {"cn-north-1", false},     {"cn-northwest-1", false},
-    {"eu-central-1", false},   {"eu-west-1", false},      {"eu-west-2", false},
-    {"eu-south-1", false},     {"eu-west-3", false},      {"eu-north-1", false},
-    {"eu-south-2", false},     {"eu-central-2", false},   {"sa-east-1", false},
-    {"me-south-1", false},     {"me-central-1", false},   {"il-central-1", false},
-    {"us-gov-east-1", true},   {"us-gov-west-1", true},
+    {"us-east-2", "US East (Ohio)", true},
+    {"us-east-1", "US East (N. Virginia)", true},
+    {"us-west-1", "US West (N. California)", true},
+    {"us-west-2", "US West (Oregon)", true},
+    {"af-south-1", "Africa (Cape Town)", false},
+    {"ap-east-1", "Asia Pacific (Hong Kong)***", false},
+    {"ap-south-2", "Asia Pacific (Hyderabad)", false},
+    {"ap-southeast-3", "Asia Pacific (Jakarta)", false},
+    {"ap-southeast-4", "Asia Pacific (Melbourne)", false},
+    {"ap-south-1", "Asia Pacific (Mumbai)", false},
+    {"ap-northeast-3", "Asia Pacific (Osaka)", false},
+    {"ap-northeast-2", "Asia Pacific (Seoul)", false},
+    {"ap-southeast-1", "Asia Pacific (Singapore)", false},
+    {"ap-southeast-2", "Asia Pacific (Sydney)", false},
+    {"ap-northeast-1", "Asia Pacific (Tokyo)", false},
+    {"ca-central-1", "Canada (Central)", true},
+    {"cn-north-1", "China (Beijing)", false},
+    {"cn-northwest-1", "China (Ningxia)", false},
+    {"eu-central-1", "Europe (Frankfurt)", false},
+    {"eu-west-1", "Europe (Ireland)", false},
+    {"eu-west-2", "Europe (London)", false},
+    {"eu-south-1", "Europe (Milan)", false},
+    {"eu-west-3", "Europe (Paris)", false},
+    {"eu-north-1", "Europe (Stockholm)", false},
+    {"eu-south-2", "Europe (Spain)", false},
+    {"eu-central-2", "Europe (Zurich)", false},
+    {"sa-east-1", "South America (São Paulo)", false},
+    {"me-south-1", "Middle East (Bahrain)", false},
+    {"me-central-1", "Middle East (UAE)", false},
+    {"il-central-1", "Israel (Tel Aviv)", false},
+    {"us-gov-east-1", "AWS GovCloud (US-East)", true},
+    {"us-gov-west-1", "AWS GovCloud (US-West)", true},
 };
 static_assert(std::size(rows) == 32);
 
@@ -393,6 +446,30 @@ TEST_F(BucketContext, EveryHostOfTheTableHasItsRegion) {
         }
     }
     EXPECT_STREQ(zorvan_i_host_to_region("s3.amazonaws.com"), "us-east-1");
+}
+
+TEST_F(BucketContext, RowsStandInOrderWithTheirHostsInOrder) {
+    const auto* row = zorvan_l_lookup_aws_region(rows[0].region);
+    for (const auto& expected : rows) {
+        ASSERT_EQ(zorvan_l_lookup_aws_region(expected.region), row) << expected.region;
+        EXPECT_STREQ(row->display_name, expected.display_name);
+        EXPECT_STREQ(row->region, expected.region);
+        EXPECT_STREQ(row->location_name, expected.region);
+        const std::string region = expected.region;
+        const std::string tail = "." + region + ".amazonaws.com" + (region.starts_with("cn-") ? ".cn" : "");
+        std::vector<std::string> hosts{"s3" + tail};
+        if (expected.fips) hosts.push_back("s3-fips" + tail);
+        if (region == "us-east-1") hosts.emplace_back("s3.amazonaws.com");
+        hosts.push_back("s3.dualstack" + tail);
+        if (expected.fips) hosts.push_back("s3-fips.dualstack" + tail);
+        std::vector<std::string> listed;
+        for (const char* const* host = row->hosts; *host != nullptr; ++host)
+            listed.emplace_back(*host);
+        EXPECT_EQ(listed, hosts);
+        ++row;
+    }
+    EXPECT_EQ(zorvan_l_lookup_aws_region(""), nullptr);
+    EXPECT_EQ(zorvan_l_lookup_aws_region("US-EAST-1"), nullptr);
 }
 
 TEST_F(BucketContext, OtherHostsHaveNone) {

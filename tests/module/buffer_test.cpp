@@ -118,6 +118,7 @@ TEST_F(BufferPool, LargestSizesDoNotOverflow) {
     EXPECT_EQ(take(UINT64_MAX), nullptr);
     EXPECT_EQ(pool.current, nullptr);
     EXPECT_TRUE(logged("WARN", "error allocating buffer"));
+    EXPECT_TRUE(log_says("new_buffer=(nil) size=-33 buffer=(nil)\n")) << "2^64 - 33: " << log_text();
 }
 
 using BufferPoolDeathTest = BufferPool;

@@ -1,11 +1,14 @@
 // The debug log: headers, levels, times, thread ids, what the environment variable decides.
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <utility>
 
 #include "module_fixture.h"
 
@@ -161,6 +164,49 @@ TEST_F(DebugLog, LongFormatIsCutToTheBuffer) {
     EXPECT_LT(text.find_first_not_of('x', at) == std::string::npos ? text.size() - at : 0, 4096u);
     EXPECT_LT(text.size(), 4096u * 2 + at);
     EXPECT_FALSE(log_holds(std::string(4096, 'x')));
+}
+
+TEST_F(DebugLog, LongFormatIsCutWithATimeToo) {
+    debug_value = "ALL,%s,2";
+    activate();
+    const std::string format = std::string(6000, 'x') + "%d\n";
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    zorvan_i_ZORVAN_S3_debug_time_printf(format.c_str(), 5);
+#pragma GCC diagnostic pop
+    const auto text = log_text();
+    const auto at = text.rfind('.', text.find("xxxx"));
+    ASSERT_NE(at, std::string::npos);
+    const auto begin = text.rfind('\n', at) + 1;
+    EXPECT_EQ(text.size() - begin, 4095u);
+    EXPECT_EQ(text.back(), 'x');
+}
+
+TEST_F(DebugLog, WithoutAStreamNothingIsPrinted) {
+    activate();
+    FILE* const stream = std::exchange(zorvan_i_ZORVAN_S3_debug_handle.file, nullptr);
+    zorvan_i_ZORVAN_S3_debug_printf("plain %d\n", 1);
+    zorvan_i_ZORVAN_S3_debug_time_printf("timed %d\n", 2);
+    ZORVAN_S3_LOG_AS("f", ZORVAN_S3_ERROR, "statement\n");
+    zorvan_i_ZORVAN_S3_debug_handle.file = stream;
+    EXPECT_FALSE(log_holds("plain 1"));
+    EXPECT_FALSE(log_holds("timed 2"));
+    EXPECT_FALSE(log_holds("statement"));
+}
+
+TEST_F(DebugLog, ThreadAndTimeAreThoseOfTheCall) {
+    debug_value = "ALL,%s,3";
+    activate();
+    const auto before = std::time(nullptr);
+    zorvan_i_ZORVAN_S3_debug_time_printf("the call\n");
+    const auto after = std::time(nullptr);
+    std::smatch match;
+    const auto text = log_text();
+    ASSERT_TRUE(std::regex_search(text, match, std::regex(R"((\d+):(\d+)\.\d{9}::the call)"))) << text;
+    EXPECT_EQ(std::stoull(match[1]), static_cast<unsigned long long>(pthread_self()));
+    EXPECT_GE(std::stoll(match[2]), before);
+    EXPECT_LE(std::stoll(match[2]), after);
 }
 
 TEST_F(DebugLog, EntryAndExitOfAFunctionAreTraced) {

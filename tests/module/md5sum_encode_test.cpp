@@ -75,6 +75,20 @@ TEST_F(Md5Encode, LetterGAnywhereIsRefused) {
     }
 }
 
+TEST_F(Md5Encode, ShortTextIsSetToTheRightOf32Columns) {
+    const auto result = zorvan_i_s3_md5sum_encode("abc", encoded);
+    expect_generic(view_result(result), "md5sum_encode",
+                   "Invalid character in md5sum " + std::string(29, ' ') + "abc");
+    release_result(result);
+}
+
+TEST_F(Md5Encode, MessageIsCutTo65Characters) {
+    const auto result = zorvan_i_s3_md5sum_encode(std::string(100, 'z').c_str(), encoded);
+    const std::string head = "Invalid character in md5sum ";
+    expect_generic(view_result(result), "md5sum_encode", head + std::string(65 - head.size(), 'z'));
+    release_result(result);
+}
+
 TEST_F(Md5Encode, SignsAndBlanksAreRefused) {
     expect_refused("+41d8cd98f00b204e9800998ecf8427e");
     expect_refused("d41d8cd98f00b204e9800998ecf8427 ");

@@ -1,4 +1,6 @@
 // The MIME table: how a mime.types file is read.
+#include <filesystem>
+
 #include "module_fixture.h"
 
 using namespace module_test;
@@ -13,6 +15,14 @@ class Mime : public ModuleTest {
     static std::string type_of(const std::string& extension) {
         const char* type = zorvan_i_s3_mime_type_of_extension(extension.c_str());
         return type == nullptr ? "(none)" : type;
+    }
+    // How many descriptors of this process are this file.
+    int times_open(const std::string& name) const {
+        int count = 0;
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            count += std::filesystem::read_symlink(entry.path(), ignored) == path_of(name);
+        return count;
     }
 };
 
@@ -54,6 +64,29 @@ TEST_F(Mime, TabsSeparateAndCaseIsKept) {
     EXPECT_EQ(type_of("TXT2"), "text/plain");
     EXPECT_EQ(type_of("txt2"), "(none)");
     EXPECT_EQ(type_of("TXT"), "(none)");
+}
+
+TEST_F(Mime, VerticalTabsAreSkippedBetweenTokensButSeparateNone) {
+    parse("text/plain one\vpart\ftoo \v\f two\n");
+    EXPECT_EQ(type_of("one\vpart\ftoo"), "text/plain");
+    EXPECT_EQ(type_of("two"), "text/plain");
+    EXPECT_EQ(type_of("one"), "(none)");
+    EXPECT_EQ(type_of("part"), "(none)");
+    EXPECT_EQ(type_of("\v\f"), "(none)");
+}
+
+TEST_F(Mime, LineLongerThanTheBufferIsReadAsTwo) {
+    const std::string first = "text/plain txt";
+    parse(first + std::string(255 - first.size(), ' ') + "text/html html more\n");
+    EXPECT_EQ(type_of("txt"), "text/plain");
+    EXPECT_EQ(type_of("html"), "text/html");
+    EXPECT_EQ(type_of("more"), "text/html");
+    EXPECT_EQ(type_of("text/html"), "(none)");
+}
+
+TEST_F(Mime, FileStaysOpenAfterItWasRead) {
+    parse("text/plain txt\n");
+    EXPECT_EQ(times_open("mime.types"), 1);
 }
 
 TEST_F(Mime, CommentCutsInsideALine) {
@@ -114,6 +147,8 @@ TEST_F(Mime, EveryAllocationThatFailsFailsActivation) {
         }
         EXPECT_EQ(result, -1);
         EXPECT_TRUE(failed);
+        EXPECT_EQ(times_open("mime.types"), 0);
+        EXPECT_EQ(type_of("txt"), "(none)");
         ++failures;
     }
     EXPECT_GE(failures, 4);

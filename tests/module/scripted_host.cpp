@@ -13,6 +13,7 @@
 
 #include "call_trace.h"
 #include "faults.h"
+#include "host_refusals.h"
 
 using namespace module_test;
 
@@ -23,6 +24,7 @@ constexpr auto patience = std::chrono::seconds(20);
 std::mutex host_mutex;
 std::optional<std::string> config_string;
 int config_string_queries = 0;
+bool config_data_refused = false;
 std::vector<HostLogLine> log_lines;
 
 char* copy_text(const std::string& text) {
@@ -58,7 +60,13 @@ void host_reset() {
     const std::lock_guard lock(host_mutex);
     config_string.reset();
     config_string_queries = 0;
+    config_data_refused = false;
     log_lines.clear();
+}
+
+void host_refuse_config_data() {
+    const std::lock_guard lock(host_mutex);
+    config_data_refused = true;
 }
 
 void host_set_config_string(std::optional<std::string> path) {
@@ -497,6 +505,10 @@ zorvan_result_t zorvan_gridftp_server_get_config_data(zorvan_gridftp_server_oper
                                                       char** out) {
     const OutOfModule outside;
     trace_add("get_config_data");
+    {
+        const std::lock_guard lock(host_mutex);
+        if (config_data_refused) return ZORVAN_FAILURE;
+    }
     const std::lock_guard lock(op->mutex);
     op->config_keys.emplace_back(key);
     *out = op->config_data ? copy_text(*op->config_data) : nullptr;

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "host_refusals.h"
 #include "module_fixture.h"
 
 using namespace module_test;
@@ -352,7 +353,7 @@ TEST_F(StartCeph, FailingThreadIsReported) {
     known_user();
     fail_next_thread(EAGAIN);
     const auto finish = run();
-    expect_system(finish.error, "zorvan_thread_create", finish.error.errno_value);
+    expect_system(finish.error, "zorvan_thread_create", EAGAIN);
     EXPECT_EQ(finish.session_handle, nullptr);
     EXPECT_TRUE(s3_calls(S3Kind::user_info).empty());
 }
@@ -361,7 +362,7 @@ TEST_F(StartCeph, FailingThreadWithAPolicyIsReported) {
     activate();
     fail_next_thread(EAGAIN);
     const auto finish = run(policy_for("http://s", R"(,"s3_buckets":["x","y"])"));
-    expect_system(finish.error, "zorvan_thread_create", finish.error.errno_value);
+    expect_system(finish.error, "zorvan_thread_create", EAGAIN);
     EXPECT_EQ(finish.session_handle, nullptr);
 }
 
@@ -414,6 +415,7 @@ TEST_F(StartCeph, KeyThatCannotBeCopiedAbortsTheLookup) {
     expect_no_key(run());
     EXPECT_EQ(s3_calls(S3Kind::user_info).at(0).status, S3StatusOutOfMemory);
     EXPECT_TRUE(log_says("exit status=2: OutOfMemory\n"));
+    EXPECT_TRUE(log_holds("S3 Error accessing \"admin/user\": OutOfMemory")) << "the completion has the word";
 }
 
 TEST_F(StartCeph, SecretThatCannotBeCopiedAbortsTheLookup) {
@@ -450,6 +452,45 @@ TEST_F(StartCeph, FailedLookupIsReplacedByTheNoAccessKeyError) {
     EXPECT_TRUE(log_holds("S3 Error accessing \"admin/user\": ErrorAccessDenied")) << log_text();
     EXPECT_EQ(s3_calls(S3Kind::user_info).size(), 1u);
     iface->session_destroy(op.finish().session_handle);
+    op.close();
+}
+
+TEST_F(StartCeph, FailureAfterTheKeysCameStands) {
+    activate();
+    Reply reply;
+    reply.status = S3StatusErrorAccessDenied;
+    reply.keys = std::vector<UserKey>{{"alice", "A1", "S1"}};
+    s3_script(S3Kind::user_info, reply);
+    const auto finish = run();
+    expect_ftp(finish.error, 550, "PERMISSION_DENIED", std::nullopt);
+    expect_s3(*finish.error.cause, s3_text("admin/user", S3StatusErrorAccessDenied));
+    ASSERT_NE(finish.session_handle, nullptr);
+    EXPECT_EQ(handle_of(finish).default_key_pair.access_key_id, handle_of(finish).access_key_id);
+    EXPECT_EQ(handle_of(finish).default_key_pair.secret_access_key, handle_of(finish).secret_access_key);
+    EXPECT_STREQ(handle_of(finish).access_key_id, "A1");
+}
+
+TEST_F(StartCeph, PolicyThatTheHostCannotTellIsNotTheAbsenceOfOne) {
+    activate();
+    known_user();
+    host_refuse_config_data();
+    const auto finish = run();
+    EXPECT_TRUE(finish.error.present);
+    EXPECT_EQ(finish.session_handle, nullptr);
+    EXPECT_TRUE(s3_calls().empty());
+}
+
+TEST_F(StartCeph, EarlyEndIsLogged) {
+    activate("");
+    Operation op;
+    start(op);
+    ASSERT_TRUE(op.wait_finished());
+    const auto result = result_text(op.finish().result);
+    EXPECT_TRUE(logged("INFO", "zorvan_i_ceph_start",
+                       "finished_session_start: op=" + pointer_text(&op) + " result=" + result))
+        << log_text();
+    EXPECT_TRUE(logged("ERROR", "zorvan_i_ceph_start",
+                       "result=" + result + " message=" + op.finish().error.friendly));
     op.close();
 }
 
