@@ -126,14 +126,14 @@ int zorvan_l_s3_send_pending_buffers(send_request_t* request) noexcept {
 S3Status zorvan_l_s3_send_properties(const S3ResponseProperties* properties, void* callback_data) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
     send_request_t* const request = request_of(callback_data);
-    if (!properties) return trace.exit_status(S3StatusOK);
     const std::lock_guard lock(request->mutex);
     if (request->to_skip > 0) {
         /* What was handed over belongs to the object as it was then. */
-        const bool same =
-            request->etag && properties->eTag && std::strcmp(request->etag.get(), properties->eTag) == 0;
+        const char* const etag = properties ? properties->eTag : nullptr;
+        const bool same = request->etag && etag && std::strcmp(request->etag.get(), etag) == 0;
         if (!same) return trace.exit_status(S3StatusErrorPreconditionFailed);
     }
+    if (!properties) return trace.exit_status(S3StatusOK);
     char md5sum[zorvan_i_s3_md5sum_size];
     if (request->checksumming && zorvan_i_s3_metadata_has_checksum(properties, md5sum))
         request->checksumming = false;
