@@ -48,6 +48,19 @@ TEST_F(ChecksumCommand, HeadResponseIsLogged) {
         << log_text();
 }
 
+TEST_F(ChecksumCommand, HeadResponseOfAVastObjectIsLogged) {
+    auto& vast = object("data", "\"" + std::string(etag_md5) + "\"");
+    vast.properties.content_type = "text/plain";
+    vast.properties.length = UINT64_MAX;
+    vast.properties.last_modified = -1;
+    expect_success(*sum(), etag_md5);
+    EXPECT_TRUE(logged("DEBUG",
+                       "requestId= requestId2= contentType=text/plain contentLength=18446744073709551615 "
+                       "server= eTag=\"" +
+                           std::string(etag_md5) + "\" lastModified=-1"))
+        << log_text();
+}
+
 TEST_F(ChecksumCommand, AlgorithmIgnoresCase) {
     object("data", "\"" + std::string(etag_md5) + "\"");
     for (const auto* algorithm : {"MD5", "Md5", "md5"})
@@ -58,8 +71,7 @@ TEST_F(ChecksumCommand, OtherAlgorithmsAreRefused) {
     for (const auto& algorithm : {std::string("sha1"), std::string("md5 "), std::string(""),
                                   std::string(5000, 'x'), std::string("%s%n")}) {
         auto op = command(cksm, "/b/k", std::nullopt, algorithm);
-        EXPECT_EQ(op->finish().error.type, 6);
-        EXPECT_EQ(op->finish().error.text, "Unknown checksum algorithm \"" + algorithm + "\"");
+        expect_generic(op->finish().error, "checksum", "Unknown checksum algorithm \"" + algorithm + "\"");
         expect_end_line(*op, std::nullopt);
     }
     EXPECT_TRUE(s3_calls(S3Kind::head_object).empty());
@@ -117,6 +129,9 @@ TEST_F(ChecksumCommand, MetadataOfAnotherLengthIsPassedOver) {
     expect_success(*sum(), etag_md5);
     object("data", "\"" + std::string(etag_md5) + "\"", {{"md5", "abc"}, {"md5", other_md5}});
     expect_success(*sum(), other_md5);
+    object("data", "\"" + std::string(etag_md5) + "\"",
+           {{"md5", std::string(33, 'a')}, {"md5", std::string(31, 'a')}, {"md5", ""}});
+    expect_success(*sum(), etag_md5);
     object("data", "\"" + std::string(etag_md5) + "\"", {{"MD5", other_md5}, {"md5x", other_md5}});
     expect_success(*sum(), etag_md5);
 }
@@ -128,6 +143,10 @@ TEST_F(ChecksumCommand, MetadataThatIsNoMd5DisablesTheEtag) {
     EXPECT_EQ(downloads(), 1u);
     expect_success(*sum(), md5_of("data"));
     EXPECT_EQ(downloads(), 1u) << "the cache knows it now";
+    // The first of the right length decides, whatever follows.
+    object("other", "\"" + std::string(etag_md5) + "\"", {{"md5", bad}, {"md5", other_md5}});
+    expect_success(*sum(), md5_of("other"));
+    EXPECT_EQ(downloads(), 2u);
 }
 
 TEST_F(ChecksumCommand, EncryptedObjectNeverTakesItsEtag) {
@@ -140,6 +159,59 @@ TEST_F(ChecksumCommand, EtagWithOtherLettersIsNoMd5) {
     object("data", "\"0123456789abcdef0123456789abcdeg\"");
     expect_success(*sum(), md5_of("data"));
     EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, OnlyAnEtagOf34CharactersIsAnMd5) {
+    const std::string digits = etag_md5;
+    object("data", "\"" + digits + "f");
+    expect_success(*sum(), etag_md5);
+    size_t hashed = 0;
+    for (const auto& etag : {"\"" + digits.substr(1) + "\"", "\"" + digits + "0\"", "\"" + digits + "-1\"",
+                             "\"" + digits.substr(1) + "g\"", digits, digits + "00", std::string("\"\"")}) {
+        object("data", etag);
+        expect_success(*sum(), md5_of("data"));
+        EXPECT_EQ(downloads(), ++hashed) << etag;
+    }
+    // The digits are looked at after the line: one with the quote, two without a good content.
+    size_t lines = 0;
+    for (const auto& line : log_lines())
+        lines += line.message.ends_with(" from etag") ? 1 : 0;
+    EXPECT_EQ(lines, 3u);
+}
+
+TEST_F(ChecksumCommand, RangeLooksAtNeitherEtagNorMetadata) {
+    object("some data", "\"" + std::string(etag_md5) + "\"", {{"md5", other_md5}});
+    expect_success(*sum("/b/k", 1, 9), md5_of("ome data"));
+    expect_success(*sum("/b/k", 0, 8), md5_of("some dat"));
+    EXPECT_EQ(downloads(), 2u);
+    EXPECT_FALSE(log_holds("Setting md5sum="));
+}
+
+TEST_F(ChecksumCommand, LengthZeroAsksForTheRest) {
+    object("some data", multipart_etag);
+    expect_success(*sum("/b/k", 0, 0), md5_of("some data"));
+    expect_success(*sum("/b/k", 5, 0), md5_of("data"));
+    EXPECT_EQ(s3_calls(S3Kind::get_object).at(1).count, 0u);
+    expect_success(*sum("/b/k", 0, 0), md5_of("some data"));
+    EXPECT_EQ(downloads(), 3u) << "no length of -1, so nothing is cached";
+}
+
+TEST_F(ChecksumCommand, RangesOutsideTheObjectAreTheStoresToRefuse) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    struct Range {
+        int64_t offset, length;
+    };
+    int calls = 0;
+    for (const auto& [offset, length] : {Range{INT64_MAX, -1}, Range{INT64_MAX, INT64_MAX}, Range{-1, 5},
+                                         Range{INT64_MIN, -1}, Range{1, -2}}) {
+        s3_fail(S3Kind::get_object, ++calls, S3StatusErrorInvalidRange);
+        const auto op = sum("/b/k", offset, length);
+        expect_ftp(op->finish().error, 553, "APPEND_NOT_SUPPORTED", std::nullopt);
+        EXPECT_EQ(op->finish().text, std::nullopt);
+        const auto& call = s3_calls(S3Kind::get_object).back();
+        EXPECT_EQ(call.start, static_cast<uint64_t>(offset));
+        EXPECT_EQ(call.count, length == -1 ? 0 : static_cast<uint64_t>(length));
+    }
 }
 
 TEST_F(ChecksumCommand, MissingEtagIsHashedAndNotCached) {
@@ -264,8 +336,7 @@ TEST_F(ChecksumCommand, FailingMd5Steps) {
     EXPECT_EQ(downloads(), 0u);
     fail_md5(Md5Step::update);
     auto second = sum();
-    EXPECT_EQ(second->finish().error.type, 6);
-    EXPECT_EQ(second->finish().error.text, "MD5_Update error");
+    expect_generic(second->finish().error, "checksum", "MD5_Update error");
     EXPECT_EQ(second->finish().text, std::nullopt);
     EXPECT_NE(s3_calls(S3Kind::get_object).at(0).status, S3StatusOK);
     EXPECT_TRUE(

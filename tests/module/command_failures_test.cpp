@@ -244,6 +244,15 @@ TEST_P(CommandStep, LogOfASuccess) {
                                                  "INFO " + end_line(*op)}));
 }
 
+TEST_P(CommandStep, RequestIsMadeInTheWorkerWithoutALimit) {
+    run();
+    const auto made = s3_calls(GetParam().kind);
+    ASSERT_EQ(made.size(), 1u);
+    EXPECT_FALSE(made[0].request_context);
+    EXPECT_EQ(made[0].timeout, 0);
+    EXPECT_FALSE(made[0].conditions);
+}
+
 TEST_P(CommandStep, LogOfARefusal) {
     refuse(S3StatusErrorAccessDenied, 1);
     const auto op = run();

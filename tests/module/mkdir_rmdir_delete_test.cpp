@@ -155,6 +155,8 @@ TEST_F(Rmdir, OnlyThePlaceholderIsDeleted) {
 }
 
 TEST_F(Rmdir, BucketIsDeleted) {
+    session->security_token = strdup("token");
+    session->region = "eu-west-1";
     auto op = command(rmd, "/b");
     expect_success(*op);
     const auto calls = s3_calls(S3Kind::delete_bucket);
@@ -165,6 +167,8 @@ TEST_F(Rmdir, BucketIsDeleted) {
     EXPECT_EQ(calls[0].context.uri_style, S3UriStylePath);
     EXPECT_EQ(calls[0].context.access_key, "AK-alice");
     EXPECT_EQ(calls[0].context.secret_key, "secret-alice");
+    EXPECT_EQ(calls[0].context.token, "token");
+    EXPECT_EQ(calls[0].context.region, "eu-west-1");
     EXPECT_TRUE(s3_calls(S3Kind::delete_object).empty());
     EXPECT_TRUE(logged("INFO", "REST: op=" + pointer_text(op.get()) + " S3_delete_bucket(bucket=b) try=0"));
 }

@@ -52,11 +52,9 @@ TEST_F(Rename, SamePlaceSpeltOtherwiseIsAnotherPath) {
 
 TEST_F(Rename, PathsWithoutAKeyAreRefused) {
     auto from = command(rnto, "/b/y", "/b");
-    EXPECT_EQ(from->finish().error.type, 6);
-    EXPECT_EQ(from->finish().error.text, "Invalid source filename");
+    expect_generic(from->finish().error, "rename", "Invalid source filename");
     auto to = command(rnto, "/b", "/b/y");
-    EXPECT_EQ(to->finish().error.type, 6);
-    EXPECT_EQ(to->finish().error.text, "Invalid destination filename");
+    expect_generic(to->finish().error, "rename", "Invalid destination filename");
     EXPECT_TRUE(s3_calls(S3Kind::copy_object).empty());
     expect_end_line(*to, std::nullopt);
 }

@@ -105,9 +105,13 @@ TEST_F(Stage, RestoreUnderWay) {
 }
 
 TEST_F(Stage, RestoredCopyThatLasts) {
-    for (const int64_t expiry : {now + 13 * 3600, now + 43200, int64_t{0}, int64_t{-5}}) {
+    for (const int64_t expiry :
+         {now + 13 * 3600, now + 43200, int64_t{0}, int64_t{-5}, INT64_MAX, INT64_MIN}) {
         archived("GLACIER", 2, expiry);
         expect_success(*run(), completed);
+        EXPECT_TRUE(logged("INFO", "zorvan_l_s3_stage_needs_restore",
+                           "STAGE: restorecheck(bucket=b, key=dir/k) status=2 exp=" + std::to_string(expiry) +
+                               " class=GLACIER"));
     }
     EXPECT_TRUE(restores().empty());
 }

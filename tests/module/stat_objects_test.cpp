@@ -111,13 +111,14 @@ TEST_P(StatMtime, MetadataDecides) {
             logged("TRACE", std::string("Object '/b/obj' has invalid metadata: mtime='") + value + "'"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, StatMtime,
-                         ::testing::Values(Mtime{"1700000000", 1700000000, true}, Mtime{"abc", -1, false},
-                                           Mtime{"-5", -1, false}, Mtime{"0", 0, true},
-                                           Mtime{"12x", -1, false}, Mtime{"", -1, false},
-                                           Mtime{"00", -1, false}, Mtime{"1", 1, true},
-                                           Mtime{"+0", -1, false}, Mtime{"7 ", -1, false},
-                                           Mtime{"9223372036854775807", INT64_MAX, true}));
+INSTANTIATE_TEST_SUITE_P(
+    Values, StatMtime,
+    ::testing::Values(Mtime{"1700000000", 1700000000, true}, Mtime{"abc", -1, false}, Mtime{"-5", -1, false},
+                      Mtime{"0", 0, true}, Mtime{"12x", -1, false}, Mtime{"", -1, false},
+                      Mtime{"00", -1, false}, Mtime{"1", 1, true}, Mtime{"+0", -1, false},
+                      Mtime{"7 ", -1, false}, Mtime{"9223372036854775807", INT64_MAX, true},
+                      Mtime{"9223372036854775808", -1, false}, Mtime{"-9223372036854775809", -1, false},
+                      Mtime{"0x10", -1, false}, Mtime{"1.5", -1, false}));
 
 TEST_F(StatObjects, FirstMtimePairDecides) {
     s3_object("b", "obj", "x").properties.metadata = {{"mtime", "bad"}, {"mtime", "1700000000"}};
@@ -250,6 +251,37 @@ TEST_F(StatObjects, HugeSizesArePassedOn) {
     EXPECT_EQ(stat("/b/obj", true)->entries.at(0).size, int64_t{1} << 42);
 }
 
+TEST_F(StatObjects, SizesBeyondTheRecordsAreTheLargestThatItHolds) {
+    for (const uint64_t size : {uint64_t{INT64_MAX}, uint64_t{INT64_MAX} + 1, UINT64_MAX}) {
+        s3_object("b", "obj", "x").properties.length = size;
+        EXPECT_EQ(stat("/b/obj", true)->entries.at(0).size, INT64_MAX);
+        EXPECT_EQ(stat("/b/obj", false)->entries.at(0).size, INT64_MAX);
+        Reply reply;
+        reply.page = Page{false, {}, {{"a", 1, size, "\"e\""}}, {}};
+        s3_script(S3Kind::list_bucket, reply);
+        EXPECT_EQ(stat("/b", false)->entries.at(1).size, INT64_MAX);
+    }
+}
+
+TEST_F(StatObjects, DirectoryHeadWithoutPropertiesLeavesItToTheListing) {
+    s3_object("b", "dir/", "");
+    s3_object("b", "dir/x", "1");
+    Reply bare;
+    bare.null_properties = true;
+    s3_respond(S3Kind::head_object, [bare](const S3Call& call) -> std::optional<Reply> {
+        if (call.key != "dir/") return std::nullopt;
+        return bare;
+    });
+    for (const bool file_only : {true, false}) {
+        const auto op = stat("/b/dir", file_only);
+        EXPECT_EQ(op->finish().result, ZORVAN_SUCCESS);
+        EXPECT_EQ(names(*op),
+                  file_only ? std::vector<std::string>{"."} : (std::vector<std::string>{".", "x"}));
+        expect_directory(op->entries.at(0), ".", hash_of("b"), hash_of("dir/"));
+    }
+    EXPECT_EQ(s3_calls(S3Kind::list_bucket).size(), 2u);
+}
+
 // ---------------------------------------------------------------------------------------------- listings
 
 TEST_F(StatObjects, ListingOfAPlaceholderDirectory) {
@@ -269,6 +301,8 @@ TEST_F(StatObjects, ListingOfAPlaceholderDirectory) {
     EXPECT_EQ(lists[0].delimiter, "/");
     EXPECT_EQ(lists[0].max, 0);
     EXPECT_EQ(lists[0].marker.value_or(""), "");
+    EXPECT_FALSE(lists[0].request_context);
+    EXPECT_EQ(lists[0].timeout, 0);
 }
 
 TEST_F(StatObjects, ListingWithoutAPlaceholder) {
@@ -309,6 +343,22 @@ TEST_F(StatObjects, ListingOfAnObjectIsThatObject) {
     EXPECT_EQ(head_keys(), (std::vector<Text>{"dir/file.txt/", "dir/file.txt"}));
 }
 
+TEST_F(StatObjects, ListedObjectIsNamedLikeBasename) {
+    for (const auto& [key, name] : {std::pair{"dir/sub//", "sub"}, std::pair{"/", "/"}, std::pair{"", "."}}) {
+        s3_bucket("b");
+        Reply found;
+        found.properties = Properties{};
+        found.properties->last_modified = -9;
+        s3_respond(S3Kind::head_object, [key = key, found](const S3Call& call) -> std::optional<Reply> {
+            if (call.key != key) return failing(S3StatusHttpErrorNotFound);
+            return found;
+        });
+        const auto op = stat("/b/" + std::string(key), false);
+        ASSERT_EQ(op->entries.size(), 1u) << key;
+        expect_file(op->entries[0], name, 0, -1, hash_of("b"), hash_of("/b/" + std::string(key)));
+    }
+}
+
 TEST_F(StatObjects, ListingOfAnEmptyBucketIsItsDirectoryEntry) {
     s3_bucket("b");
     auto op = stat("/b", false);
@@ -316,6 +366,8 @@ TEST_F(StatObjects, ListingOfAnEmptyBucketIsItsDirectoryEntry) {
     ASSERT_EQ(op->entries.size(), 1u);
     expect_directory(op->entries[0], ".", hash_of("b"), hash_of("/b"));
     EXPECT_EQ(head_keys(), std::vector<Text>{std::nullopt});
+    EXPECT_TRUE(
+        logged("INFO", "REST: op=" + pointer_text(op.get()) + " S3_head_object(bucket=b, key=(null)) try=0"));
 }
 
 TEST_F(StatObjects, ListingOfAMissingBucketFailsWithTheListingsError) {

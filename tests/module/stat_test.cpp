@@ -41,6 +41,24 @@ TEST_F(Stat, RequestAndEntryAreLogged) {
     EXPECT_TRUE(logged("DEBUG", "zorvan_l_s3_stat_thread", "Finished stat. Count is 1"));
 }
 
+TEST_F(Stat, ResultIsLoggedBeforeTheCount) {
+    const auto lines = [&] {
+        std::vector<std::string> found;
+        for (const auto& line : log_lines())
+            if (line.function == "zorvan_l_s3_stat_thread" && line.level != "TRACE")
+                found.push_back(line.level + " " + line.message);
+        return found;
+    };
+    stat("/", true);
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{"INFO result=ZORVAN_SUCCESS", "DEBUG Finished stat. Count is 1"}));
+    s3_fail(S3Kind::list_bucket, 1, S3StatusErrorMalformedXML);
+    const auto op = stat("/b", true);
+    EXPECT_EQ(lines().at(2), "INFO result=" + result_text(op->finish().result) +
+                                 " message=" + s3_text("/b", S3StatusErrorMalformedXML));
+    EXPECT_EQ(lines().at(3), "DEBUG Finished stat. Count is 0");
+}
+
 TEST_F(Stat, ListingIsLoggedAsSuch) {
     s3_bucket("b");
     stat("/b", false);
@@ -248,10 +266,10 @@ TEST_F(Stat, FailedThreadEndsTheStat) {
         call_stat(op, path, true);
         ASSERT_FALSE(op.finishes.empty());
         EXPECT_TRUE(op.finish().error.present);
-        ASSERT_TRUE(op.finish().error.text);
-        EXPECT_NE(op.finish().error.text->find("zorvan_thread_create"), std::string::npos);
-        EXPECT_EQ(op.finish().error.source_file, "stat");
-        EXPECT_EQ(op.finish().error.type, 6);
+        expect_generic(op.finish().error, "stat", "zorvan_thread_create");
+        EXPECT_EQ(op.last_batch, 0);
+        EXPECT_TRUE(logged("ERROR", "zorvan_i_s3_stat",
+                           "result=" + result_text(op.finish().result) + " message=zorvan_thread_create"));
         EXPECT_TRUE(s3_calls(S3Kind::head_object).empty());
         op.close();
     }
