@@ -19,6 +19,10 @@ class ChecksumCommand : public CommandTest {
         return command(cksm, path, std::nullopt, "md5", offset, length);
     }
     static size_t downloads() { return s3_calls(S3Kind::get_object).size(); }
+    static std::string cached(const char* bucket, const char* key, const std::string& etag, size_t size) {
+        char found[zorvan_i_s3_md5sum_size] = "";
+        return zorvan_i_s3_checksum_find(bucket, key, etag.c_str(), size, found) ? found : "(none)";
+    }
     static Object& object(const std::string& data, const Text& etag, Pairs metadata = {}) {
         auto& made = s3_object("b", "k", data);
         made.properties.etag = etag;
@@ -95,6 +99,30 @@ TEST_F(ChecksumCommand, MultipartObjectIsHashedOnceAndThenCached) {
     EXPECT_FALSE(gets[0].conditions);
     expect_success(*sum(), md5_of("some data"));
     EXPECT_EQ(downloads(), 1u);
+}
+
+TEST_F(ChecksumCommand, SumIsCachedUnderTheEtagOfTheHead) {
+    object("data", multipart_etag);
+    Reply download;
+    download.data = "data";
+    download.properties = Properties{};
+    download.properties->etag = "\"of-the-download-7\"";
+    s3_on_call(S3Kind::get_object, 1, download);
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(cached("b", "k", multipart_etag, 4), md5_of("data"));
+    EXPECT_EQ(cached("b", "k", "\"of-the-download-7\"", 4), "(none)");
+}
+
+TEST_F(ChecksumCommand, HeadWithoutPropertiesIsHashedAndNotCached) {
+    object("data", "\"" + std::string(etag_md5) + "\"");
+    Reply bare;
+    bare.null_properties = true;
+    s3_on_call(S3Kind::head_object, 1, bare);
+    expect_success(*sum(), md5_of("data"));
+    EXPECT_EQ(downloads(), 1u);
+    EXPECT_EQ(host_logged(2, "Can not cache invalid checksum:  path: 'b/k', checksum: '" + md5_of("data") +
+                                 "', etag: '(null)'\n"),
+              1);
 }
 
 TEST_F(ChecksumCommand, ChangedObjectIsHashedAgain) {

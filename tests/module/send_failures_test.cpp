@@ -1,5 +1,6 @@
 // Downloads that fail or are tried again: at the store, on the way, at the client.
 #include <cerrno>
+#include <thread>
 
 #include "send_fixture.h"
 
@@ -85,6 +86,7 @@ TEST_F(Send, RestartAtTheEndOfTheObjectSucceedsWithoutData) {
     expect_success(op);
     EXPECT_TRUE(op.registered_writes.empty());
     EXPECT_EQ(s3_calls(S3Kind::get_object).at(0).status, S3StatusErrorInvalidRange);
+    EXPECT_FALSE(log_holds("S3_get_object: op=")) << "no try has failed";
 }
 
 TEST_F(Send, RestartBeyondTheEndIsRefused) {
@@ -164,6 +166,24 @@ TEST_F(Send, FailureAfterDataIsReportedAndWhatWasRegisteredIsCalledBack) {
 }
 
 // --------------------------------------------------------------------------------------------- retries
+
+TEST_F(Send, FailureLetsWhatIsPendingBeWritten) {
+    const auto data = bytes(64 * 6 + 9);
+    auto reply = with_data(data, S3StatusErrorMalformedXML, 1000, multipart_etag);
+    reply.piece = 64;
+    s3_script(S3Kind::get_object, reply);
+    Operation op;
+    op.hold();
+    call_send(op, "/b/dir/f");
+    // The worker has the mutex when it asks; it lets go of it only where it waits.
+    while (trace_count("get_read_range") < 2)
+        std::this_thread::yield();
+    op.release();
+    finish(op);
+    expect_s3(op.finish().error, s3_text("/b", S3StatusErrorMalformedXML));
+    EXPECT_EQ(op.content(), data.substr(0, 64 * 6)) << "full buffers, not the one being filled";
+    EXPECT_EQ(op.finish_at_callback, 6);
+}
 
 TEST_F(Send, RetryBeforeAnyDataStartsOver) {
     const auto data = bytes(300);

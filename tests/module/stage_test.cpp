@@ -182,6 +182,17 @@ TEST_F(Stage, ASecondHeadDecidesAnew) {
     EXPECT_TRUE(restores().empty());
 }
 
+TEST_F(Stage, HeadThatFailsAfterItsPropertiesRestoresNothing) {
+    Reply failed = failing(S3StatusErrorMalformedXML);
+    failed.properties = Properties{};
+    failed.properties->storage_class = "GLACIER";
+    s3_on_call(S3Kind::head_object, 1, failed);
+    const auto op = run();
+    expect_s3(op->finish().error, s3_text("/b", S3StatusErrorMalformedXML));
+    EXPECT_EQ(op->finish().text, std::nullopt);
+    EXPECT_TRUE(restores().empty());
+}
+
 TEST_F(Stage, HeadWithoutPropertiesGivesNoReply) {
     archived("GLACIER");
     Reply empty;

@@ -394,6 +394,25 @@ TEST_F(StatObjects, ListingPageAnswered132IsNoError) {
     EXPECT_EQ(names(*op), std::vector<std::string>{"obj"});
 }
 
+TEST_F(StatObjects, ListingPageThatIsForbiddenIsAnError) {
+    s3_object("b", "obj", "1");
+    s3_fail(S3Kind::list_bucket, 1, S3StatusHttpErrorForbidden);
+    auto op = stat("/b/obj", false);
+    expect_s3(op->finish().error, s3_text("/b/obj", S3StatusHttpErrorForbidden));
+    EXPECT_TRUE(op->entries.empty());
+    EXPECT_EQ(head_keys(), std::vector<Text>{"obj/"});
+}
+
+TEST_F(StatObjects, PlaceholderThatOnlyTheListingShows) {
+    s3_object("b", "dir/", "");
+    s3_fail(S3Kind::head_object, 1, S3StatusHttpErrorNotFound);
+    auto op = stat("/b/dir", false);
+    EXPECT_EQ(op->finish().result, ZORVAN_SUCCESS);
+    ASSERT_EQ(names(*op), std::vector<std::string>{"."});
+    expect_directory(op->entries[0], ".", hash_of("b"), hash_of("dir/"));
+    EXPECT_EQ(head_keys(), std::vector<Text>{"dir/"}) << "it is found, so the key itself is not asked for";
+}
+
 TEST_F(StatObjects, EmptyPlaceholderDirectoryIsItsEntryAlone) {
     s3_object("b", "dir/", "");
     EXPECT_EQ(names(*stat("/b/dir", false)), std::vector<std::string>{"."});
