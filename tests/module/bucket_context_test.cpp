@@ -80,6 +80,7 @@ TEST_F(BucketContext, GatewayNeverProbes) {
     EXPECT_EQ(probes(), 0u);
     EXPECT_TRUE(logged("DEBUG", "zorvan_i_s3_bucket_context", "Using the key id ID")) << log_text();
     EXPECT_TRUE(logged("TRACE", "zorvan_l_is_aws_endpoint", "exit: 0"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_bucket_context", "result=ZORVAN_SUCCESS"));
 }
 
 TEST_F(BucketContext, AwsEndpointIsTraced) {
@@ -87,6 +88,8 @@ TEST_F(BucketContext, AwsEndpointIsTraced) {
     s3_script(S3Kind::head_object, region_reply("eu-west-1", S3StatusOK));
     context_of("traced-bucket");
     EXPECT_TRUE(logged("TRACE", "zorvan_l_is_aws_endpoint", "exit: 1"));
+    EXPECT_TRUE(logged("TRACE", "responsePropertiesCallback", "exit status=0: OK"));
+    EXPECT_TRUE(logged("TRACE", "responseCompleteCallback", "exit status=0: OK"));
 }
 
 TEST_F(BucketContext, ProbeAsksForTheBucketItself) {
@@ -352,6 +355,8 @@ TEST_F(BucketContext, FailingCredentialHookIsReturned) {
     refresh_calls = 0;
     S3BucketContext context{};
     EXPECT_EQ(zorvan_i_s3_bucket_context(session, "/b/x", "b", &context), refresh_result);
+    EXPECT_TRUE(logged("ERROR", "zorvan_i_s3_bucket_context",
+                       "result=" + result_text(refresh_result) + " message=credentials are stale"));
     release_result(refresh_result);
     EXPECT_EQ(probes(), 0u);
 }

@@ -97,6 +97,7 @@ TEST_F(BufferPool, FreeListIsLastInFirstOut) {
     zorvan_i_s3_buffer_release(&pool, first);
     zorvan_i_s3_buffer_release(&pool, second);
     EXPECT_EQ(take(1), second);
+    EXPECT_EQ(second->next, nullptr);
     pool.current = nullptr;
     EXPECT_EQ(take(1), first);
     pool.current = nullptr;

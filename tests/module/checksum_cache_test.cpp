@@ -113,6 +113,10 @@ class ChecksumCache : public ModuleTest {
 TEST_F(ChecksumCache, EntryIsFoundWithItsEtagAndSize) {
     zorvan_i_s3_checksum_add("b", "k", "\"e-2\"", 3, abc_md5);
     EXPECT_EQ(find("b", "k", "\"e-2\"", 3), abc_md5);
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_checksum_find", "exit: 1"));
+    EXPECT_FALSE(logged("TRACE", "zorvan_i_s3_checksum_find", "exit: 0"));
+    EXPECT_EQ(find("b", "k", "\"e-2\"", 4), "(none)");
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_checksum_find", "exit: 0"));
 }
 
 TEST_F(ChecksumCache, NewerEntryReplacesTheFirst) {

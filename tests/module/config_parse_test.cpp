@@ -92,7 +92,8 @@ TEST_F(ConfigParse, ReadingIsTracedOnceTheLogIsOpen) {
     activate("host_name = h # a comment\n");
     ASSERT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
     EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_config_parse", "parsing config file " + path_of("ceph.conf")));
-    EXPECT_TRUE(log_says("parsing line [1]: host_name = h # a comment"));
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_config_parse", "parsing line [1]: host_name = h # a comment\n"))
+        << "the line is told with its own end: " << log_text();
 }
 
 TEST_F(ConfigParse, EveryKeyOfBothTablesIsStored) {
@@ -172,6 +173,8 @@ TEST_F(ConfigParse, LongBeyond64BitsIsRefused) {
 TEST_F(ConfigParse, ConvertedIntegerIsStoredBeforeItIsJudged) {
     expect_int_refused("-1");
     EXPECT_EQ(zorvan_i_s3_max_retries, -1);
+    expect_long_refused("-5");
+    EXPECT_EQ(zorvan_i_s3_part_size, -5);
 }
 
 TEST_F(ConfigParse, LongTakesMoreThan32Bits) {
@@ -468,7 +471,8 @@ class Policy : public ModuleTest {
         EXPECT_EQ(id, nullptr);
         EXPECT_EQ(secret, nullptr);
         const auto view = view_result(result);
-        EXPECT_TRUE(logged("ERROR", "result=" + result_text(result) + " message=" + view.friendly))
+        EXPECT_TRUE(logged("ERROR", "zorvan_i_s3_config_parse_json",
+                           "result=" + result_text(result) + " message=" + view.friendly))
             << log_text();
         release_result(result);
         EXPECT_EQ(view.type, 6);

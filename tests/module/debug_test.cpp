@@ -1,13 +1,15 @@
 // The debug log: headers, levels, times, thread ids, what the environment variable decides.
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 
+#include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "module_fixture.h"
@@ -195,18 +197,36 @@ TEST_F(DebugLog, WithoutAStreamNothingIsPrinted) {
     EXPECT_FALSE(log_holds("statement"));
 }
 
+TEST_F(DebugLog, FractionHasItsLeadingZeros) {
+    debug_value = "ALL,%s";
+    activate();
+    // The first tenth of a second is the one with zeros in front.
+    timeval now{};
+    while (gettimeofday(&now, nullptr) == 0 && now.tv_usec >= 50000)
+        std::this_thread::sleep_for(std::chrono::microseconds(1000000 - now.tv_usec));
+    zorvan_i_ZORVAN_S3_debug_time_printf("alone\n");
+    zorvan_i_ZORVAN_S3_debug_handle.thread_ids = 1;
+    zorvan_i_ZORVAN_S3_debug_time_printf("with the thread\n");
+    const auto text = log_text();
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\n\d+\.\d{6}000::alone\n)"))) << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\n\d+:\d+\.\d{6}000::with the thread\n)"))) << text;
+}
+
 TEST_F(DebugLog, ThreadAndTimeAreThoseOfTheCall) {
     debug_value = "ALL,%s,3";
     activate();
-    const auto before = std::time(nullptr);
+    // Not time(): its clock may lag behind by a tick.
+    timeval before{};
+    timeval after{};
+    gettimeofday(&before, nullptr);
     zorvan_i_ZORVAN_S3_debug_time_printf("the call\n");
-    const auto after = std::time(nullptr);
+    gettimeofday(&after, nullptr);
     std::smatch match;
     const auto text = log_text();
     ASSERT_TRUE(std::regex_search(text, match, std::regex(R"((\d+):(\d+)\.\d{9}::the call)"))) << text;
     EXPECT_EQ(std::stoull(match[1]), static_cast<unsigned long long>(pthread_self()));
-    EXPECT_GE(std::stoll(match[2]), before);
-    EXPECT_LE(std::stoll(match[2]), after);
+    EXPECT_GE(std::stoll(match[2]), before.tv_sec);
+    EXPECT_LE(std::stoll(match[2]), after.tv_sec);
 }
 
 TEST_F(DebugLog, EntryAndExitOfAFunctionAreTraced) {

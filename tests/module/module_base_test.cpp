@@ -1,6 +1,7 @@
 // Activation, deactivation, the interface table and the end of a session.
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 
 #include "module_fixture.h"
@@ -89,10 +90,19 @@ TEST_F(ModuleBase, DeactivationTakesTheTableOutFirst) {
 }
 
 TEST_F(ModuleBase, DeactivationClosesTheLogFile) {
+    const auto times_open = [this] {
+        int count = 0;
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            count += std::filesystem::read_symlink(entry.path(), ignored) == path_of("debug.log");
+        return count;
+    };
     activate();
     EXPECT_NE(zorvan_i_ZORVAN_S3_debug_handle.file, nullptr);
     EXPECT_NE(zorvan_i_ZORVAN_S3_debug_handle.using_file, 0);
+    EXPECT_EQ(times_open(), 1);
     deactivate();
+    EXPECT_EQ(times_open(), 0);
     EXPECT_EQ(zorvan_i_ZORVAN_S3_debug_handle.file, nullptr);
 }
 

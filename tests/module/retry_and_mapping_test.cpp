@@ -297,6 +297,25 @@ TEST_F(Retry, EachTryIsLoggedAndEachFailure) {
     EXPECT_EQ(failures, 3);
 }
 
+TEST_F(Retry, EachTryIsAnnouncedAfterItsPauseAndBeforeItsCall) {
+    activate(std::string(standard_config) + "max_retries = 2\n");
+    login();
+    size_t calls = 0;
+    s3_respond(S3Kind::list_bucket, [&](const S3Call&) {
+        EXPECT_TRUE(log_holds("S3_list_bucket(bucket=bucket) try=" + std::to_string(calls)));
+        EXPECT_EQ(sleeps().size(), calls);
+        ++calls;
+        Reply reply;
+        reply.status = S3StatusErrorSlowDown;
+        return reply;
+    });
+    set_thread_mode(ThreadMode::deferred);
+    call_stat(op, "/bucket", true);
+    run_deferred_threads();
+    op.close();
+    EXPECT_EQ(calls, 3u);
+}
+
 TEST_F(Retry, SuccessIsNotLoggedAsAFailure) {
     activate();
     login();
@@ -341,7 +360,9 @@ TEST_F(Retry, DelayIsComputedIn32Bits) {
         const auto shifted = uint32_t{100000} << (i % 32);
         expected.push_back(static_cast<int32_t>(shifted * uint32_t{1000}));
     }
-    // A negative or zero product sleeps not at all: whether it is passed on is the same.
+    for (const auto value : sleeps())
+        EXPECT_GE(value, 0) << "a negative product sleeps not at all";
+    // Whether a zero is passed on is the same.
     const auto positive = [](const std::vector<int64_t>& all) {
         std::vector<int64_t> kept;
         for (const auto value : all)

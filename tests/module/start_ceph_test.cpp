@@ -332,7 +332,7 @@ TEST_F(StartCeph, FailingInitialisationIsMapped) {
     expect_s3(finish.error, s3_text("initialization", S3StatusInternalError));
     EXPECT_EQ(finish.session_handle, nullptr);
     EXPECT_EQ(threads_asked_for(), 0);
-    EXPECT_TRUE(log_says("S3_initialize returns: 1")) << log_text();
+    EXPECT_TRUE(log_says("S3_initialize returns: 1s3: ")) << "no line end follows: " << log_text();
     bool at_error = false;
     for (const auto& line : log_lines())
         at_error =
@@ -450,6 +450,9 @@ TEST_F(StartCeph, FailedLookupIsReplacedByTheNoAccessKeyError) {
         logged("DEBUG", "RG_get_user_info: op=" + pointer_text(&op) + " status=ErrorAccessDenied[49]"));
     EXPECT_TRUE(logged("INFO", "S3 request error: op=" + pointer_text(&op)));
     EXPECT_TRUE(log_holds("S3 Error accessing \"admin/user\": ErrorAccessDenied")) << log_text();
+    EXPECT_TRUE(
+        logged("INFO", "zorvan_l_ceph_start_thread",
+               "result=" + result_text(op.finish().result) + " message=" + op.finish().error.friendly));
     EXPECT_EQ(s3_calls(S3Kind::user_info).size(), 1u);
     iface->session_destroy(op.finish().session_handle);
     op.close();
@@ -562,6 +565,7 @@ TEST_F(StartCeph, LookupIsLogged) {
     EXPECT_TRUE(logged("DEBUG", "zorvan_l_ceph_start_thread", "Looking up key for alice"));
     EXPECT_TRUE(logged("INFO", "REST: RG_get_user_info(user=alice) try=0"));
     EXPECT_TRUE(logged("TRACE", "zorvan_l_ceph_get_user_info", "exit status=0: OK"));
+    EXPECT_TRUE(logged("INFO", "zorvan_l_ceph_start_thread", "result=ZORVAN_SUCCESS"));
     EXPECT_TRUE(logged("INFO", "finished_session_start: op=" + pointer_text(&op) + " result=0"));
     auto* handle = op.finish().session_handle;
     op.close();
