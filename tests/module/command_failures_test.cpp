@@ -260,6 +260,9 @@ TEST_P(CommandStep, LogOfARefusal) {
               (std::vector<std::string>{
                   "INFO " + request_line(*op, 0), "DEBUG " + failure_line(*op, S3StatusErrorAccessDenied),
                   "INFO result=" + result_text(op->finish().result), "INFO " + end_line(*op)}));
+    EXPECT_TRUE(log_holds(": result=" + result_text(op->finish().result) +
+                          " message=" + op->finish().error.friendly + "\n"))
+        << "the text of the error, while it is still the worker's";
 }
 
 TEST_P(CommandStep, LogOfTriesThatRunOut) {

@@ -14,7 +14,7 @@ class FunctionTrace : public CommandTest {
     static constexpr const char* plain = "exit";
     static constexpr const char* ok = "exit status=0: OK";
 
-    /// That these functions have begun and ended so, and nothing since is left out of the log.
+    /// That the log shows these functions begin and end so.
     void expect_told(const std::vector<Function>& functions) {
         for (const auto& [name, end] : functions) {
             EXPECT_TRUE(logged("TRACE", name, "enter")) << name;

@@ -35,6 +35,19 @@ TEST_F(Send, EveryFailureOfTheStoreIsReported) {
     }
 }
 
+TEST_F(Send, FailureIsToldInTheLogBeforeTheHostHasIt) {
+    s3_fail(S3Kind::get_object, 1, S3StatusErrorAccessDenied);
+    std::string before;
+    Operation op;
+    op.on_finished = [&] { before = log_text(); };
+    run(op);
+    const auto result = result_text(op.finish().result);
+    const auto told = before.find(": zorvan_l_s3_send_thread: result=" + result +
+                                  " message=" + op.finish().error.friendly + "\n");
+    ASSERT_NE(told, std::string::npos) << before;
+    EXPECT_LT(told, before.find("finished_transfer: op=" + pointer_text(&op) + " result=" + result + "\n"));
+}
+
 TEST_F(Send, ShortObjectIsUnexpectedEndOfFile) {
     s3_script(S3Kind::get_object, with_data(bytes(60), S3StatusOK, 100, multipart_etag));
     Operation op;
