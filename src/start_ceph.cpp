@@ -59,6 +59,12 @@ void zorvan_l_ceph_start_complete(S3Status status, const S3ErrorDetails* error_d
     trace.exit_status(status);
 }
 
+/** Whether a field of fixed size holds a text that ends inside it. */
+template <size_t size>
+bool ends(const char (&field)[size]) noexcept {
+    return strnlen(field, size) < size;
+}
+
 S3Status zorvan_l_ceph_get_user_info(const RGUserInfo* info, void* callback_data) noexcept {
     zorvan_i_s3_trace_t trace(__func__);
     auto* const request = static_cast<ceph_start_request_t*>(callback_data);
@@ -66,6 +72,7 @@ S3Status zorvan_l_ceph_get_user_info(const RGUserInfo* info, void* callback_data
     const std::string_view user_name = request->user_name();
     for (int32_t i = 0; info && i < info->keyCount; ++i) {
         const RGUserKey& key = info->keys[i];
+        if (!ends(key.user) || !ends(key.accessKey) || !ends(key.secretKey)) continue;
         if (user_name != key.user || !key.accessKey[0] || !key.secretKey[0]) continue;
         std::free(s3_handle->access_key_id);
         std::free(s3_handle->secret_access_key);

@@ -31,6 +31,12 @@ class BufferPool : public ModuleTest {
     zorvan_i_s3_buffer_pool_t pool;
 };
 
+TEST_F(BufferPool, DataFollowsTheHeaderWithoutAGap) {
+    auto* buffer = take(1);
+    EXPECT_EQ(static_cast<void*>(buffer->data()), static_cast<void*>(buffer + 1));
+    EXPECT_EQ(sizeof *buffer, 32u);
+}
+
 TEST_F(BufferPool, SmallRequestsGetABlock) {
     auto* buffer = take(1);
     ASSERT_NE(buffer, nullptr);

@@ -67,6 +67,18 @@ TEST_F(DebugLog, LevelNamesStandAtTheirBits) {
             << i;
 }
 
+TEST_F(DebugLog, LevelsAreSwitchedOnByTheirWords) {
+    uint32_t bit = 1;
+    for (const char* word : {"TRACE", "INFO", "DEBUG", "WARNING", "ERROR"}) {
+        debug_value = std::string(word) + ",%s,0," + word;
+        activate();
+        EXPECT_EQ(zorvan_i_ZORVAN_S3_debug_handle.levels, bit) << word;
+        EXPECT_EQ(zorvan_i_ZORVAN_S3_debug_handle.timestamp_levels, bit) << word;
+        deactivate();
+        bit *= 2;
+    }
+}
+
 TEST_F(DebugLog, HeaderHasTheLevelFiveWide) {
     activate();
     ZORVAN_S3_LOG_AS("f", ZORVAN_S3_TRACE, "one %d\n", 1);

@@ -700,11 +700,11 @@ void RG_get_user_info(const S3BucketContext* bucketContext, const char* userName
         auto* info = static_cast<RGUserInfo*>(std::calloc(1, size));
         info->keyCount = static_cast<int32_t>(keys->size());
         for (size_t i = 0; i < keys->size(); ++i) {
-            std::strncpy(info->keys[i].user, (*keys)[i].user.c_str(), sizeof info->keys[i].user - 1);
-            std::strncpy(info->keys[i].accessKey, (*keys)[i].access_key.c_str(),
-                         sizeof info->keys[i].accessKey - 1);
-            std::strncpy(info->keys[i].secretKey, (*keys)[i].secret_key.c_str(),
-                         sizeof info->keys[i].secretKey - 1);
+            // A text as long as its field leaves it without an end.
+            auto& key = info->keys[i];
+            (*keys)[i].user.copy(key.user, sizeof key.user);
+            (*keys)[i].access_key.copy(key.accessKey, sizeof key.accessKey);
+            (*keys)[i].secret_key.copy(key.secretKey, sizeof key.secretKey);
         }
         {
             const InModule inside;

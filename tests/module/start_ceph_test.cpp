@@ -542,6 +542,28 @@ TEST_F(StartCeph, LongestFieldsAreTaken) {
     EXPECT_EQ(secret, handle_of(finish).secret_access_key);
 }
 
+TEST_F(StartCeph, FieldsThatDoNotEndArePassedOver) {
+    activate();
+    const std::string access(256, 'a');
+    const std::string secret(48, 's');
+    s3_user("alice", {{"alice", access, "S1"}, {"alice", "A2", secret}, {"alice", "A3", "S3"}});
+    const auto finish = run();
+    ASSERT_EQ(finish.result, ZORVAN_SUCCESS);
+    EXPECT_STREQ(handle_of(finish).access_key_id, "A3");
+    EXPECT_STREQ(handle_of(finish).secret_access_key, "S3");
+}
+
+TEST_F(StartCeph, NameThatFillsItsFieldHasNoKey) {
+    activate();
+    const std::string name(48, 'u');
+    s3_user(name, {{name, "", ""}, {name, "A1", "S1"}});
+    expect_no_key(run(std::nullopt, name), name);
+    // Read beyond its field it would go on with the access key.
+    const std::string longer = name + "A1";
+    s3_user(longer, {{name, "A1", "S1"}});
+    expect_no_key(run(std::nullopt, longer), longer);
+}
+
 TEST_F(StartCeph, RetryableLookupIsTriedAgain) {
     activate();
     known_user();
