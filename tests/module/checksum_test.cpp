@@ -263,6 +263,7 @@ TEST_F(ChecksumCommand, RangeIsDownloadedAndNeverCached) {
     EXPECT_EQ(downloads(), 2u);
     expect_success(*sum("/b/k", 10, -1), md5_of(data.substr(10)));
     EXPECT_EQ(s3_calls(S3Kind::get_object).at(2).count, 0u);
+    EXPECT_TRUE(host_log().empty()) << "nor is it tried";
 }
 
 TEST_F(ChecksumCommand, RangeThatCoversAMultipartObjectIsNotCached) {

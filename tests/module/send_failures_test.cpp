@@ -383,6 +383,27 @@ TEST_F(Send, ErrorOfARefusalSurvivesTheAbortedRequest) {
     EXPECT_EQ(op.finish().error.text, "write refused");
     EXPECT_NE(s3_calls(S3Kind::get_object).at(0).status, S3StatusOK);
     EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 1u);
+    EXPECT_TRUE(log_says("S3_get_object: op=" + pointer_text(&op) + " status=InternalError[1]\n"));
+}
+
+TEST_F(Send, RefusalIsToldAnewAfterARetry) {
+    const auto data = bytes(64 * 12);
+    auto reply = with_data(data.substr(0, 64 * 6), S3StatusConnectionFailed, data.size(), multipart_etag);
+    reply.piece = 64;
+    Operation op;
+    op.refuse_write = 3;
+    op.hold();
+    // The try is over when the one callback has the next write refused.
+    reply.after = [&] {
+        op.grant(1);
+        while (trace_count("register_write") < 3)
+            std::this_thread::yield();
+    };
+    s3_on_call(S3Kind::get_object, 1, reply);
+    multipart_object(data);
+    run(op);
+    EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 2u);
+    EXPECT_EQ(op.finish().error.text, "write refused");
 }
 
 TEST_F(Send, NothingIsRegisteredAfterTheEnd) {
