@@ -121,8 +121,13 @@ TEST_F(Mime, ManyExtensionsAreFound) {
 }
 
 TEST_F(Mime, MissingFileIsAFailure) {
-    ASSERT_EQ(zorvan_i_s3_mime_types_init(), 0);
+    parse("text/plain txt\n");
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_mime_types_parse", "exit: 0"));
+    EXPECT_FALSE(logged("TRACE", "zorvan_i_s3_mime_types_parse", "exit: -1"));
+    EXPECT_EQ(type_of("txt"), "text/plain");
     EXPECT_EQ(zorvan_i_s3_mime_types_parse(path_of("absent").c_str()), -1);
+    EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_mime_types_parse", "exit: -1"));
+    EXPECT_EQ(type_of("txt"), "(none)") << "the table is gone";
 }
 
 TEST_F(Mime, EveryAllocationThatFailsFailsActivation) {

@@ -564,6 +564,19 @@ TEST_F(StartCeph, NameThatFillsItsFieldHasNoKey) {
     expect_no_key(run(std::nullopt, longer), longer);
 }
 
+TEST_F(StartCeph, SessionWithoutAUserNameHasNoKey) {
+    activate();
+    const zorvan_gridftp_server_session_info_t nobody{nullptr, "192.0.2.7", "", nullptr};
+    Operation op;
+    set_thread_mode(ThreadMode::at_once);
+    iface->session_start(&op, &nobody);
+    ASSERT_TRUE(op.wait_finished());
+    expect_no_key(op.finish(), "");
+    EXPECT_TRUE(logged("DEBUG", "zorvan_l_ceph_start_thread", "Looking up key for "));
+    iface->session_destroy(op.finish().session_handle);
+    op.close();
+}
+
 TEST_F(StartCeph, RetryableLookupIsTriedAgain) {
     activate();
     known_user();
