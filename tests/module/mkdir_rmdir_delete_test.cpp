@@ -51,6 +51,18 @@ TEST_F(Mkdir, KeysAreNotNormalised) {
     EXPECT_EQ(calls[2].key, "x/y/");
 }
 
+TEST_F(Mkdir, KeysOfEveryLengthTakeTheirSlash) {
+    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
+    s3_bucket("b");
+    for (size_t length = 1; length <= 70; ++length) {
+        const std::string key(length, 'k');
+        command(mkd, "/b/" + key);
+        const auto call = s3_calls(S3Kind::put_object).back();
+        EXPECT_EQ(call.key, key + "/");
+        EXPECT_EQ(call.context.bucket, "b");
+    }
+}
+
 TEST_F(Mkdir, BucketIsCreated) {
     session->security_token = strdup("token");
     auto op = command(mkd, "/nb");

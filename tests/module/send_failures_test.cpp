@@ -151,6 +151,19 @@ TEST_F(Send, RangeRefusalWithoutDetailsIsAnError) {
     EXPECT_EQ(op.finish().error.ftp_word, "APPEND_NOT_SUPPORTED");
 }
 
+TEST_F(Send, NumbersOfARangeRefusalAreReadLikeC) {
+    for (const auto* requested : {"bytes=500", "bytes=500-", "bytes=0x1f4-", "bytes=500-x"}) {
+        Reply reply;
+        reply.status = S3StatusErrorInvalidRange;
+        reply.details = Details{{}, {}, {}, {{"RangeRequested", requested}, {"ActualObjectSize", "0764"}}};
+        s3_script(S3Kind::get_object, reply);
+        Operation op;
+        op.read_ranges = {{500, -1}};
+        run(op);
+        expect_success(op);
+    }
+}
+
 TEST_F(Send, RangeRefusalAmongOtherDetailsProves) {
     Reply reply;
     reply.status = S3StatusErrorInvalidRange;
@@ -404,6 +417,32 @@ TEST_F(Send, RefusalIsToldAnewAfterARetry) {
     run(op);
     EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 2u);
     EXPECT_EQ(op.finish().error.text, "write refused");
+}
+
+TEST_F(Send, WorkerStaysUntilEveryBufferIsBack) {
+    s3_object("b", "dir/f", bytes(64 * 10));
+    Operation op;
+    op.concurrency = 4;
+    op.refuse_write = 5;
+    op.hold();
+    set_thread_mode(ThreadMode::deferred);
+    call_send(op, "/b/dir/f");
+    // The first callback ends the wait for room with a refusal; the others come after the finished call.
+    int back = 0;
+    std::thread worker([&] {
+        run_deferred_threads();
+        const std::lock_guard lock(op.mutex);
+        back = op.delivered;
+    });
+    EXPECT_TRUE(op.wait_outstanding(4));
+    op.grant(1);
+    EXPECT_TRUE(op.wait_finished());
+    op.release();
+    worker.join();
+    set_thread_mode(ThreadMode::real);
+    finish(op);
+    EXPECT_EQ(op.finish().error.text, "write refused");
+    EXPECT_GE(back, 3) << "the last one may be on its way out";
 }
 
 TEST_F(Send, NothingIsRegisteredAfterTheEnd) {

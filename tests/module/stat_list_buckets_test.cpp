@@ -158,6 +158,17 @@ TEST_F(ListBuckets, OtherFailureShowsTheKnownBucketsToo) {
     expect_notice(1);
 }
 
+TEST_F(ListBuckets, ErrorThatIsKeptStays) {
+    auto reply = service({{"one", 5}});
+    reply.status = S3StatusInternalError;
+    reply.before = [] { fail_allocation(1); };
+    reply.after = [] { fail_allocation(0); };
+    s3_script(S3Kind::list_service, reply);
+    auto op = stat("/", false);
+    expect_system(op->finish().error, "malloc", ENOMEM);
+    EXPECT_FALSE(log_holds("but result is successful"));
+}
+
 TEST_F(ListBuckets, FailureAfterRetriesIsTheSame) {
     s3_fail(S3Kind::list_service, 1, S3StatusErrorSlowDown);
     s3_fail(S3Kind::list_service, 2, S3StatusErrorSlowDown);
