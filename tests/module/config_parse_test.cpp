@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "config_keys.h"
 #include "module_fixture.h"
@@ -320,6 +321,48 @@ TEST_F(ConfigParse, FileAtTheDefaultPathIsRead) {
     EXPECT_TRUE(view.present);
     EXPECT_EQ(view.friendly.find("config file"), std::string::npos) << view.friendly;
     release_result(result);
+}
+
+// The configuration file as it is shipped; with its commented keys in force too if so wanted.
+std::string shipped_config(bool with_comments) {
+    std::ifstream file(ZORVAN_PACKAGING_DIR "/zorvan-gridftp-server-ceph.conf");
+    EXPECT_TRUE(file.is_open());
+    const std::regex commented("#[a-z_]+ = [^ ]+");
+    std::string text;
+    for (std::string line; std::getline(file, line);) {
+        EXPECT_LT(line.size(), 255u) << "it would be read as two: " << line;
+        text += (with_comments && std::regex_match(line, commented) ? line.substr(1) : line) + "\n";
+    }
+    return text;
+}
+
+TEST_F(ConfigParse, ShippedFileIsAccepted) {
+    activate(shipped_config(false));
+    EXPECT_STREQ(zorvan_i_s3_default_hostname, "localhost:7480");
+    EXPECT_NE(zorvan_i_s3_rg_admin_access_key_id, nullptr);
+    EXPECT_NE(zorvan_i_s3_rg_admin_secret_access_key, nullptr);
+}
+
+TEST_F(ConfigParse, ShippedFileNamesEveryKeyAndItsDefault) {
+    host_set_config_string(write_file("ceph.conf", shipped_config(true)));
+    zorvan_i_s3_https = zorvan_i_s3_verify_peer = false;
+    zorvan_i_s3_use_virtual_host = true;
+    zorvan_i_s3_max_retries = zorvan_i_s3_retry_delay_ms = zorvan_i_s3_restore_days = -1;
+    zorvan_i_s3_part_size = -1;
+    ASSERT_EQ(zorvan_i_s3_config_parse(), ZORVAN_SUCCESS);
+    for (const char* text : {zorvan_i_s3_default_hostname, zorvan_i_s3_default_region,
+                             zorvan_i_s3_mime_type_file, zorvan_i_s3_restore_tier,
+                             zorvan_i_s3_rg_admin_access_key_id, zorvan_i_s3_rg_admin_secret_access_key})
+        EXPECT_NE(text, nullptr);
+    EXPECT_STREQ(zorvan_i_s3_rg_admin_bucket, "admin");
+    const auto defaults = defaults_of_the_process();
+    EXPECT_EQ(zorvan_i_s3_https, defaults.https);
+    EXPECT_EQ(zorvan_i_s3_verify_peer, defaults.verify_peer);
+    EXPECT_EQ(zorvan_i_s3_use_virtual_host, defaults.virtual_host);
+    EXPECT_EQ(zorvan_i_s3_max_retries, defaults.max_retries);
+    EXPECT_EQ(zorvan_i_s3_retry_delay_ms, defaults.retry_delay_ms);
+    EXPECT_EQ(zorvan_i_s3_restore_days, defaults.restore_days);
+    EXPECT_GT(zorvan_i_s3_part_size, 0);
 }
 
 TEST_F(ConfigParse, FolderInPlaceOfTheFileIsNoConfiguration) {
