@@ -33,7 +33,7 @@ def pytest_addoption(parser):
     group.addoption("--build-dir", default=str(ROOT / "build" / "release"), help="where bin/ and lib/ are")
     group.addoption("--devstore-binary", help="a dev store from elsewhere, say from a faster build")
     group.addoption("--store", choices=STORES, help="run against this store alone")
-    group.addoption("--sparse-size", type=int, default=1, metavar="GIB", help="of the largest file of zeros (default 2)")
+    group.addoption("--sparse-size", type=int, default=1, metavar="GIB", help="of the largest file of zeros (default 1)")
     group.addoption("--no-rgw", action="store_true", help="skip the tests against the RADOS Gateway")
 
 
