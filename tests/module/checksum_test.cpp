@@ -236,7 +236,7 @@ TEST_F(ChecksumCommand, RangesOutsideTheObjectAreTheStoresToRefuse) {
         const auto op = sum("/b/k", offset, length);
         expect_ftp(op->finish().error, 553, "APPEND_NOT_SUPPORTED", std::nullopt);
         EXPECT_EQ(op->finish().text, std::nullopt);
-        const auto& call = s3_calls(S3Kind::get_object).back();
+        const auto call = s3_calls(S3Kind::get_object).back();
         EXPECT_EQ(call.start, static_cast<uint64_t>(offset));
         EXPECT_EQ(call.count, length == -1 ? 0 : static_cast<uint64_t>(length));
     }
