@@ -332,54 +332,63 @@ void read_collections(table_reader& root, const fs::path& file, server_config& c
     }
 }
 
+/** Take a string of one line off the front. @return false when there is none */
+bool take_string(std::string_view& line) {
+    if (line.empty() || (line[0] != '"' && line[0] != '\'')) return false;
+    const char quote = line[0];
+    for (std::size_t at = 1; at < line.size(); ++at) {
+        if (line[at] == '\\' && quote == '"') {
+            ++at;
+        } else if (line[at] == quote) {
+            line.remove_prefix(at + 1);
+            return line.empty() || line[0] != quote;  // three quotes begin a string of several lines
+        }
+    }
+    return false;
+}
+
+/** Is this a comment, or a key of plain letters with one string or an array of strings on the same line? */
+bool holds_strings_alone(std::string_view line) {
+    constexpr std::string_view bare = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
+    line = trim(line);
+    if (line.empty() || line[0] == '#') return true;
+    const std::size_t key = line.find_first_not_of(bare);
+    if (key == 0 || key == std::string_view::npos) return false;
+    line = trim(line.substr(key));
+    if (!line.starts_with('=')) return false;
+    line = trim(line.substr(1));
+    const bool array = line.starts_with('[');
+    if (array) line = trim(line.substr(1));
+    if (!take_string(line)) return false;
+    line = trim(line);
+    while (array && line.starts_with(',')) {
+        line = trim(line.substr(1));
+        if (!take_string(line)) return false;
+        line = trim(line);
+    }
+    if (array) {
+        if (!line.starts_with(']')) return false;
+        line = trim(line.substr(1));
+    }
+    return line.empty() || line[0] == '#';
+}
+
 /**
- * Find a letter beyond ASCII where TOML allows none: outside of strings and comments. toml++ 3.3 has
- * undefined behaviour there (its search for Unicode blanks), so such a file must not reach it.
+ * Find a letter beyond ASCII where this file needs none. toml++ 3.3 has undefined behaviour at some of them
+ * when it looks for Unicode blanks, so they reach it only where it looks for none: in comments and in strings
+ * of one line.
  * @return the number of its line, counted from 1; 0 if there is none
  */
 std::size_t line_of_stray_letter(std::string_view text) {
     constexpr std::string_view byte_order_mark = "\xef\xbb\xbf";
     if (text.starts_with(byte_order_mark)) text.remove_prefix(byte_order_mark.size());
-    std::size_t line = 1;
-    std::string_view end_of_string;  // empty outside of strings
-    bool lost = false;               // no longer sure where the parser sees strings
-    char before = '\n';              // the last byte outside of strings that was no blank
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const char byte = text[at];
-        if (byte == '\n') ++line;
-        if (!end_of_string.empty()) {
-            if (byte == '\\' && end_of_string.front() == '"') {
-                ++at;
-                if (at < text.size() && text[at] == '\n') ++line;
-            } else if (byte == '\n' && end_of_string.size() == 1) {
-                return 0;  // a string that was not closed: the parser gets no further
-            } else if (text.substr(at).starts_with(end_of_string)) {
-                at += end_of_string.size() - 1;
-                // Up to two quotes of its own may stand before the three that close a string.
-                if (end_of_string.size() == 3) {
-                    for (int more = 0; more < 2 && text.substr(at + 1).starts_with(end_of_string[0]); ++more)
-                        ++at;
-                }
-                end_of_string = {};
-            }
-        } else if ((byte == '"' || byte == '\'') && !lost) {
-            // Strings begin where a key or a value may; elsewhere the parser may take the quote for a letter.
-            lost = std::string_view("\n=[{,.").find(before) == std::string_view::npos;
-            if (lost) continue;
-            const std::string_view triple = byte == '"' ? R"(""")" : "'''";
-            const bool long_string = text.substr(at).starts_with(triple);
-            end_of_string = long_string ? triple : triple.substr(0, 1);
-            at += end_of_string.size() - 1;
-            before = byte;
-        } else if (byte == '#' && !lost) {
-            at = std::min(text.find('\n', at), text.size());
-            ++line;
-            before = '\n';
-        } else if (static_cast<unsigned char>(byte) >= 0x80) {
-            return line;
-        } else if (byte != ' ' && byte != '\t' && byte != '\r') {
-            before = byte;
-        }
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        const std::string_view line = text.substr(0, end);
+        const bool ascii = std::all_of(line.begin(), line.end(),
+                                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+        if (!ascii && !holds_strings_alone(line)) return number;
+        text.remove_prefix(std::min(end + 1, text.size()));
     }
     return 0;
 }
@@ -442,8 +451,9 @@ bool is_log_level(std::string_view text) {
 
 server_config parse_config(std::string_view text, const fs::path& file) {
     if (const std::size_t line = line_of_stray_letter(text)) {
-        throw config_error(fmt::format("{}:{}: a letter beyond ASCII stands outside of quotation marks",
-                                       file.string(), line));
+        throw config_error(
+            fmt::format("{}:{}: letters beyond ASCII may stand only in comments and in strings of one line",
+                        file.string(), line));
     }
     toml::table root;
     try {
