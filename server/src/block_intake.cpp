@@ -1,8 +1,6 @@
 // Connections and headers of an upload in extended mode; see block_intake.h.
 #include "block_intake.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -10,14 +8,13 @@
 #include <boost/asio/post.hpp>
 
 #include "data_drain.h"
+#include "transfer_errors.h"
 
 namespace zorvan::gridftp {
 namespace {
 
 // Ranges that do not touch: what an upload may cost in memory, however its blocks are scattered.
 constexpr std::size_t most_ranges = 1U << 18U;
-
-constexpr const char* broken_text = "Data connection broken before the end of the data. Transfer aborted.";
 
 }  // namespace
 
@@ -80,8 +77,7 @@ task<void> block_intake::accept_all() {
         accepting_ = false;
         if (!result.stream) {
             if (!over() && connections_.empty()) {
-                fail_intake(operation_error::channel(
-                    result.reply_code, result.error.empty() ? "Can't open data connection." : result.error));
+                fail_intake(transfer_errors::not_connected(result));
             }
             co_return;
         }
@@ -94,9 +90,7 @@ task<void> block_intake::accept_all() {
             std::count_if(connections_.begin(), connections_.end(), [](const auto& c) { return !c->closed; });
         if (static_cast<std::size_t>(open) >= intake_config_.most_connections) {
             result.stream->reset();
-            fail_intake(operation_error::channel(
-                426, fmt::format("More than {} data connections are not allowed. Transfer aborted.",
-                                 intake_config_.most_connections)));
+            fail_intake(transfer_errors::too_many_connections(426, intake_config_.most_connections));
             co_return;
         }
         add(std::move(result.stream));
@@ -160,7 +154,7 @@ task<bool> block_intake::read_header(connection& from) {
         }
         const bool at_rest = from.header_bytes == 0 && (from.ended || !from.sent_data);
         if (result.error == asio::error::operation_aborted ? !ending_ : !at_rest) {
-            fail_intake(operation_error::channel(426, broken_text));
+            fail_intake(transfer_errors::broken_off());
         }
         co_return false;
     }
@@ -174,9 +168,7 @@ bool block_intake::check_end_of_file(std::uint64_t announced) {
     } else if (announced == 0 || announced < ends_) {
         refuse("The announced number of ends of data does not fit those that came.");
     } else if (announced > intake_config_.most_connections) {
-        fail_intake(operation_error::channel(
-            550, fmt::format("More than {} data connections are not allowed. Transfer aborted.",
-                             intake_config_.most_connections)));
+        fail_intake(transfer_errors::too_many_connections(550, intake_config_.most_connections));
     } else {
         announced_ends_ = announced;
     }
@@ -288,14 +280,14 @@ task<std::size_t> block_intake::read_data(connection& from, asio::mutable_buffer
         client_moved();
     }
     if (result.error && result.error != asio::error::operation_aborted) {
-        fail_intake(operation_error::channel(426, broken_text));
+        fail_intake(transfer_errors::broken_off());
     }
     co_return result.bytes;
 }
 
 task<void> block_intake::stop(bool reset) {
     if (!over()) {
-        fail_intake(operation_error::channel(426, "Transfer aborted. Data connection closed."));
+        fail_intake(transfer_errors::aborted());
     }
     if (reset) {
         reset_connections();

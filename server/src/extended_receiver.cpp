@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "transfer_errors.h"
+
 namespace zorvan::gridftp {
 namespace {
 
@@ -48,9 +50,9 @@ void extended_receiver::on_read_locked(const read_request& request) {
 
 void extended_receiver::note_failures() noexcept {
     if (aborted_) {
-        fail_intake(operation_error::channel(426, "Transfer aborted. Data connection closed."));
+        fail_intake(transfer_errors::aborted());
     } else if (stalled()) {
-        fail_intake(operation_error::channel(426, "Data connection timed out. Transfer aborted."));
+        fail_intake(transfer_errors::stalled());
     }
 }
 
@@ -94,7 +96,7 @@ void extended_receiver::end_clean_locked() {
 void extended_receiver::check_end_locked() {
     data_ended_ = true;
     if (!events_.control_alive()) {
-        fail_intake(operation_error::channel(426, "Control connection lost. Transfer aborted."));
+        fail_intake(transfer_errors::control_lost());
     } else if (claimed().bytes() != announced_) {
         fail_intake(operation_error::channel(550, "The data ended before the announced size was reached."));
     }
@@ -110,8 +112,7 @@ bool extended_receiver::settle() {
         }
         if (finished && !intake_error()) {
             // A success says that it has what has not been delivered yet.
-            fail_intake(operation_error::server(
-                451, {}, "The storage ended the transfer before the end of the data."));
+            fail_intake(transfer_errors::storage_ended_early());
         }
         if (!intake_error() && at_rest() && !data_ended_) {
             check_end_locked();

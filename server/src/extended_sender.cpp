@@ -6,6 +6,8 @@
 #include <boost/asio/co_spawn.hpp>
 #include <utility>
 
+#include "transfer_errors.h"
+
 namespace zorvan::gridftp {
 
 extended_sender::extended_sender(operation& op, asio::any_io_executor strand, data_connector& connector,
@@ -83,8 +85,7 @@ task<void> extended_sender::connect_all() {
         connecting_ = false;
         if (!result.stream) {
             if (lanes_.empty()) {
-                connect_error_ = operation_error::channel(
-                    result.reply_code, result.error.empty() ? "Can't open data connection." : result.error);
+                connect_error_ = transfer_errors::not_connected(result);
             }
             break;
         }
@@ -124,10 +125,9 @@ task<bool> extended_sender::write(lane& with, const block_header& header, const 
 void extended_sender::note_broken() {
     operation::guard held(op_);
     if (!(op_.finished_locked() && !op_.succeeded_locked())) {
-        op_.fail_channel_locked(operation_error::channel(
-            426, aborted_    ? "Transfer aborted. Data connection closed."
-                 : stalled() ? "Data connection timed out. Transfer aborted."
-                             : "Data connection closed by the client. Transfer aborted."));
+        op_.fail_channel_locked(aborted_    ? transfer_errors::aborted()
+                                : stalled() ? transfer_errors::stalled()
+                                            : transfer_errors::closed_by_client());
     }
     op_.wake_locked();
 }
@@ -184,7 +184,7 @@ extended_sender::step extended_sender::next_step() {
     operation::guard held(op_);
     const bool finished = op_.finished_locked();
     if (aborted_) {
-        op_.fail_channel_locked(operation_error::channel(426, "Transfer aborted. Data connection closed."));
+        op_.fail_channel_locked(transfer_errors::aborted());
     } else if (connect_error_) {
         op_.fail_channel_locked(*connect_error_);
     }

@@ -20,16 +20,13 @@
 #include "spooling_intake.h"
 #include "stream_receiver.h"
 #include "stream_sender.h"
+#include "transfer_errors.h"
 
 namespace zorvan::gridftp {
 namespace {
 
 constexpr std::size_t file_piece = 1 << 20;
 constexpr std::chrono::milliseconds memory_pause{10};
-
-operation_error aborted_error() {
-    return operation_error::channel(426, "Transfer aborted. Data connection closed.");
-}
 
 operation_error too_large() {
     return operation_error::server(552, {}, "The file would be larger than files can be.");
@@ -205,11 +202,7 @@ task<backend_session::implementation::spooled> backend_session::implementation::
     }
     on_interrupt = nullptr;
     if (!connected.stream) {
-        result.error = stopped()
-                           ? aborted_error()
-                           : operation_error::channel(
-                                 connected.reply_code,
-                                 connected.error.empty() ? "Can't open data connection." : connected.error);
+        result.error = stopped() ? transfer_errors::aborted() : transfer_errors::not_connected(connected);
         co_return result;
     }
     auto stream = std::move(connected.stream);
@@ -234,8 +227,7 @@ task<backend_session::implementation::spooled> backend_session::implementation::
                 co_await on_pool(core->shared, strand, [&] { reason = data->open_file(); });
             }
             if (reason != 0) {
-                result.error =
-                    operation_error::server(552, {}, "No room to receive an upload of unknown size.");
+                result.error = transfer_errors::no_room_for_unknown_size();
             }
             if (result.error || stopped()) {
                 break;
@@ -255,13 +247,9 @@ task<backend_session::implementation::spooled> backend_session::implementation::
             result.bytes += read.bytes;
             ended = read.error.failed();
             if (ended && (stopped() || read.error != asio::error::eof)) {
-                result.error =
-                    stopped() ? aborted_error()
-                              : operation_error::channel(
-                                    426, reader.stalled()
-                                             ? "Data connection timed out. Transfer aborted."
-                                             : "Data connection broken before the end of the data. Transfer "
-                                               "aborted.");
+                result.error = stopped()          ? transfer_errors::aborted()
+                               : reader.stalled() ? transfer_errors::stalled()
+                                                  : transfer_errors::broken_off();
             }
         }
         if (in_memory) {
@@ -271,21 +259,19 @@ task<backend_session::implementation::spooled> backend_session::implementation::
             co_await on_pool(core->shared, strand,
                              [&] { reason = data->append_to_file(std::span(piece).first(filled)); });
             if (reason != 0) {
-                result.error =
-                    operation_error::server(552, {}, "No room to receive an upload of unknown size.");
+                result.error = transfer_errors::no_room_for_unknown_size();
             }
         }
     }
     on_interrupt = nullptr;
     if (!result.error && !stopped() && !events.control_alive()) {
-        result.error = operation_error::channel(426, "Control connection lost. Transfer aborted.");
+        result.error = transfer_errors::control_lost();
     }
     if (stopped()) {
-        result.error = aborted_error();
+        result.error = transfer_errors::aborted();
     }
     if (!result.error && digest && !same_checksum(digest->finish(), *request.expected_checksum)) {
-        result.error = operation_error::server(
-            550, "INCORRECT_CHECKSUM", "The data do not have the checksum that was announced for them.");
+        result.error = transfer_errors::wrong_checksum();
     }
     if (!result.error) {
         result.data = std::move(data);
@@ -329,7 +315,7 @@ task<backend_session::implementation::spooled> backend_session::implementation::
     result.bytes = intake->bytes();
     events.look_at([bytes = result.bytes] { return transfer_progress{bytes, {}, false}; });
     if (stopped()) {
-        result.error = aborted_error();
+        result.error = transfer_errors::aborted();
     }
     if (!result.error) {
         result.data = intake->data();
@@ -387,7 +373,7 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
     if (!lock) {
         outcome.aborted = self.stopped();
         outcome.error = self.stopped()
-                            ? aborted_error()
+                            ? transfer_errors::aborted()
                             : operation_error::server(450, {}, "Another upload to this path is running.");
         co_return outcome;
     }
@@ -396,7 +382,7 @@ task<transfer_outcome> backend_session::receive(receive_request request, data_co
         const auto found = co_await self.stat(request.path, true, sink);
         if (self.stopped()) {
             // What the stat had to say was dropped.
-            outcome.error = aborted_error();
+            outcome.error = transfer_errors::aborted();
             outcome.aborted = true;
             co_return outcome;
         }

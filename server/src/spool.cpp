@@ -11,6 +11,7 @@
 
 #include "out_of_memory.h"
 #include "server_log.h"
+#include "transfer_errors.h"
 
 namespace zorvan::gridftp {
 namespace {
@@ -30,6 +31,11 @@ int open_unlinked(const std::string& directory) {
         (void)::unlink(name.c_str());
     }
     return named;
+}
+
+// The data connection is gone by now, in good order: not transfer_errors::aborted().
+operation_error aborted_when_received() {
+    return operation_error::channel(426, "Transfer aborted.");
 }
 
 }  // namespace
@@ -174,7 +180,7 @@ bool checked_source::fill(unsigned char* buffer, std::size_t length, std::uint64
     operation::guard held(op_);
     const bool told = run_without_throwing([this] {
         op_.fail_channel_locked(
-            aborted_ ? operation_error::channel(426, "Transfer aborted.")
+            aborted_ ? aborted_when_received()
                      : operation_error::server(451, {}, "The received data could not be read back."));
     });
     if (!told) {
@@ -202,7 +208,7 @@ void spool_channel::on_read_locked(const read_request& request) {
         // The end is all of an empty upload, so it is what an abort takes away.
         const bool failed = size == 0 && checked_.aborted();
         if (failed) {
-            op_.fail_channel_locked(operation_error::channel(426, "Transfer aborted."));
+            op_.fail_channel_locked(aborted_when_received());
         }
         op_.complete_locked(ended_read(request, failed, size));
         return;
@@ -227,8 +233,7 @@ task<void> spool_channel::run() {
     }
     operation::guard held(op_);
     if (op_.succeeded_locked() && next_ < source_->size() && !op_.channel_error_locked()) {
-        op_.fail_channel_locked(
-            operation_error::server(451, {}, "The storage ended the transfer before the end of the data."));
+        op_.fail_channel_locked(transfer_errors::storage_ended_early());
     }
 }
 

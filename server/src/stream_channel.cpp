@@ -4,6 +4,8 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 
+#include "transfer_errors.h"
+
 namespace zorvan::gridftp {
 
 void stream_channel::reset_connections() noexcept {
@@ -42,8 +44,7 @@ void stream_channel::start_connect() {
                     stream_->reset();
                 }
             } else {
-                connect_error_ = operation_error::channel(
-                    result.reply_code, result.error.empty() ? "Can't open data connection." : result.error);
+                connect_error_ = transfer_errors::not_connected(result);
             }
             op_.event().notify();
         },
@@ -61,7 +62,7 @@ task<void> stream_channel::end_connect() {
 
 void stream_channel::note_failures_locked() {
     if (aborted_) {
-        op_.fail_channel_locked(operation_error::channel(426, "Transfer aborted. Data connection closed."));
+        op_.fail_channel_locked(transfer_errors::aborted());
     }
     if (connect_error_) {
         op_.fail_channel_locked(*connect_error_);

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <utility>
 
-#include "data_drain.h"
-
 #include "connect_beside.h"
+#include "data_drain.h"
+#include "transfer_errors.h"
 
 namespace zorvan::gridftp {
 stream_receiver::stream_receiver(operation& op, asio::any_io_executor strand, data_connector& connector,
@@ -111,8 +111,7 @@ stream_receiver::step stream_receiver::next_step() {
         if (state_ == state::open) {
             if (op_.succeeded_locked()) {
                 // It says that it has what has not been delivered yet.
-                op_.fail_channel_locked(operation_error::server(
-                    451, {}, "The storage ended the transfer before the end of the data."));
+                op_.fail_channel_locked(transfer_errors::storage_ended_early());
             }
             end_reads_locked(true);
         }
@@ -160,10 +159,9 @@ void stream_receiver::arm_flush() {
 
 void stream_receiver::data_ended_locked() {
     if (!events_.control_alive()) {
-        op_.fail_channel_locked(operation_error::channel(426, "Control connection lost. Transfer aborted."));
+        op_.fail_channel_locked(transfer_errors::control_lost());
     } else if (digest_ && held_ && !same_checksum(digest_->finish(), *expected_md5_)) {
-        op_.fail_channel_locked(operation_error::server(
-            550, "INCORRECT_CHECKSUM", "The data do not have the checksum that was announced for them."));
+        op_.fail_channel_locked(transfer_errors::wrong_checksum());
     }
     end_reads_locked(op_.channel_error_locked().has_value());
 }
@@ -211,9 +209,7 @@ task<void> stream_receiver::read_once(bool probe) {
     } else if (!(result.error == asio::error::operation_aborted && (flush || interrupted) && !stalled() &&
                  !aborted_)) {
         note_failures_locked();
-        op_.fail_channel_locked(operation_error::channel(
-            426, stalled() ? "Data connection timed out. Transfer aborted."
-                           : "Data connection broken before the end of the data. Transfer aborted."));
+        op_.fail_channel_locked(stalled() ? transfer_errors::stalled() : transfer_errors::broken_off());
         end_reads_locked(true);
     }
 }

@@ -2,6 +2,8 @@
 // the operation's event, so that one place decides.
 #include "stream_sender.h"
 
+#include "transfer_errors.h"
+
 namespace zorvan::gridftp {
 namespace {
 
@@ -104,9 +106,8 @@ task<void> stream_sender::write_once() {
     if (result.error) {
         note_failures_locked();
         if (!(op_.finished_locked() && !op_.succeeded_locked())) {
-            op_.fail_channel_locked(operation_error::channel(
-                426, stalled() ? "Data connection timed out. Transfer aborted."
-                               : "Data connection closed by the client. Transfer aborted."));
+            op_.fail_channel_locked(stalled() ? transfer_errors::stalled()
+                                              : transfer_errors::closed_by_client());
         }
     }
 }
@@ -147,8 +148,7 @@ task<void> stream_sender::run() {
         const auto error = co_await stream_->shutdown();
         if (error) {
             operation::guard held(op_);
-            op_.fail_channel_locked(
-                operation_error::channel(426, "Data connection closed by the client. Transfer aborted."));
+            op_.fail_channel_locked(transfer_errors::closed_by_client());
         } else {
             stream_->close();
         }
