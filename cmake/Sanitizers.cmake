@@ -16,6 +16,14 @@ if(ZORVAN_SANITIZE)
   endif()
 endif()
 
+# For what is compiled from here on in this folder and below it: the checks for undefined behaviour stay out. The fuzz targets keep them,
+# whatever they are made of.
+function(zorvan_skip_undefined_checks)
+  if(ZORVAN_SANITIZE MATCHES "undefined" AND NOT ZORVAN_FUZZ)
+    add_compile_options(-fno-sanitize=undefined)
+  endif()
+endfunction()
+
 # libFuzzer counts the edges of everything; only the fuzz targets link its main().
 if(ZORVAN_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
