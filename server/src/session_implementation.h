@@ -22,7 +22,7 @@ class backend_session::implementation {
     async_event event;                   ///< of everything that an operation's coroutine waits for
     std::weak_ptr<operation> last;       ///< its entry may still be running; not kept for that
     std::shared_ptr<operation> running;  ///< what abort() is for
-    std::function<void()> on_interrupt;  ///< what else abort() ends: a connect, a read
+    std::function<void()> on_interrupt;  ///< what else abort() ends: see interrupt_hook
     bool busy = false;
     bool aborted = false;  ///< the operation
     bool gone = false;     ///< the client
@@ -42,10 +42,15 @@ class backend_session::implementation {
         std::optional<operation_error> error;
         std::uint64_t bytes = 0;
     };
+    /// In stream mode.
     task<spooled> spool_upload(const receive_request& request, data_connector& connector,
                                transfer_events& events);
+    /// In extended mode.
     task<spooled> spool_blocks(const receive_request& request, data_connector& connector,
                                progress_reporter& events);
+    /// Tell the client that its data are waited for. One that cannot be told is gone.
+    task<void> announce(transfer_events& events);
+    /// Is there a bucket for an upload to this path?
     task<std::optional<operation_error>> check_bucket(const std::string& path);
     /// @param reporter  of a transfer in extended mode; null: stream mode
     task<transfer_outcome> transfer(std::shared_ptr<operation> op, progress_reporter* reporter);
@@ -62,6 +67,21 @@ class backend_session::implementation {
         operation_scope(const operation_scope&) = delete;
         operation_scope& operator=(const operation_scope&) = delete;
         ~operation_scope() { self_.busy = false; }
+
+      private:
+        implementation& self_;
+    };
+
+    /// What abort() ends before there is an operation: a connect, a read. Must not outlive the coroutine that
+    /// has these, however it ends.
+    class interrupt_hook {
+      public:
+        explicit interrupt_hook(implementation& self) : self_(self) {}
+        interrupt_hook(const interrupt_hook&) = delete;
+        interrupt_hook& operator=(const interrupt_hook&) = delete;
+        ~interrupt_hook() { clear(); }
+        void set(std::function<void()> end) { self_.on_interrupt = std::move(end); }
+        void clear() noexcept { self_.on_interrupt = nullptr; }
 
       private:
         implementation& self_;
