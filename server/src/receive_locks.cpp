@@ -6,24 +6,6 @@
 
 namespace zorvan::gridftp {
 
-receive_locks::holder::holder(holder&& other) noexcept
-    : locks_(std::exchange(other.locks_, nullptr)), name_(std::move(other.name_)) {}
-
-receive_locks::holder& receive_locks::holder::operator=(holder&& other) noexcept {
-    if (this != &other) {
-        release();
-        locks_ = std::exchange(other.locks_, nullptr);
-        name_ = std::move(other.name_);
-    }
-    return *this;
-}
-
-void receive_locks::holder::release() noexcept {
-    if (auto* locks = std::exchange(locks_, nullptr)) {
-        locks->release(name_);
-    }
-}
-
 task<receive_locks::holder> receive_locks::acquire(std::string name, async_event event,
                                                    std::chrono::milliseconds limit,
                                                    std::function<bool()> give_up) {

@@ -12,26 +12,14 @@
 #include <vector>
 
 #include "async.h"
+#include "named_hold.h"
 
 namespace zorvan::gridftp {
 
 class receive_locks {
   public:
     /// Holds one name; lets it go when destroyed, on any thread.
-    class holder {
-      public:
-        holder() = default;
-        holder(receive_locks& locks, std::string name) : locks_(&locks), name_(std::move(name)) {}
-        holder(holder&& other) noexcept;
-        holder& operator=(holder&& other) noexcept;
-        ~holder() { release(); }
-        void release() noexcept;
-        explicit operator bool() const noexcept { return locks_ != nullptr; }
-
-      private:
-        receive_locks* locks_ = nullptr;
-        std::string name_;
-    };
+    using holder = named_hold<receive_locks>;
 
     /// Wait for a name.
     /// @param event     the waiting coroutine's own event; notified when the name may be free
@@ -43,6 +31,7 @@ class receive_locks {
     std::size_t held() const;
 
   private:
+    friend holder;
     struct entry {
         std::vector<async_event> waiters;
     };

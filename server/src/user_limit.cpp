@@ -5,24 +5,6 @@
 
 namespace zorvan::gridftp {
 
-user_limit::place::place(place&& other) noexcept
-    : limit_(std::exchange(other.limit_, nullptr)), user_(std::move(other.user_)) {}
-
-user_limit::place& user_limit::place::operator=(place&& other) noexcept {
-    if (this != &other) {
-        release();
-        limit_ = std::exchange(other.limit_, nullptr);
-        user_ = std::move(other.user_);
-    }
-    return *this;
-}
-
-void user_limit::place::release() noexcept {
-    if (auto* limit = std::exchange(limit_, nullptr)) {
-        limit->release(user_);
-    }
-}
-
 user_limit::place user_limit::take(const std::string& user) {
     place taken;
     std::string name = user;

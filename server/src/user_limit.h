@@ -7,25 +7,14 @@
 #include <string>
 #include <unordered_map>
 
+#include "named_hold.h"
+
 namespace zorvan::gridftp {
 
 class user_limit {
   public:
-    /// One place; gives it back when destroyed, on any thread. The limit must outlive it.
-    class place {
-      public:
-        place() = default;
-        place(user_limit& limit, std::string user) : limit_(&limit), user_(std::move(user)) {}
-        place(place&& other) noexcept;
-        place& operator=(place&& other) noexcept;
-        ~place() { release(); }
-        void release() noexcept;
-        explicit operator bool() const noexcept { return limit_ != nullptr; }
-
-      private:
-        user_limit* limit_ = nullptr;
-        std::string user_;
-    };
+    /// One place; gives it back when destroyed, on any thread.
+    using place = named_hold<user_limit>;
 
     /// @param most  places of one user, at least 1
     explicit user_limit(std::size_t most) : most_(most) {}
@@ -38,6 +27,7 @@ class user_limit {
     std::size_t taken() const;
 
   private:
+    friend place;
     void release(const std::string& user) noexcept;
 
     const std::size_t most_;
