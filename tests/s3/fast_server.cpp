@@ -1,13 +1,10 @@
 // A store for many requests, see the header.
 #include "fast_server.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <charconv>
-#include <stdexcept>
 #include <string_view>
 
 #include "script_server.h"
@@ -49,16 +46,6 @@ size_t body_length(std::string_view head) {
 }  // namespace
 
 FastServer::FastServer() {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        listen(listener_, 256) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("no socket for the fast server");
-    port_ = ntohs(address.sin_port);
     acceptor_ = std::thread([this] { accept_loop(); });
 }
 
@@ -69,10 +56,9 @@ FastServer::~FastServer() {
         for (const int socket : open_)
             shutdown(socket, SHUT_RDWR);
     }
-    shutdown(listener_, SHUT_RDWR);
+    listener_.stop();
     acceptor_.join();
     wait_until_all_left();
-    close(listener_);
 }
 
 void FastServer::wait_until_all_left() {
@@ -82,10 +68,8 @@ void FastServer::wait_until_all_left() {
 
 void FastServer::accept_loop() {
     for (;;) {
-        const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int socket = listener_.accept();
         if (socket < 0) return;
-        const int one = 1;
-        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         const std::lock_guard lock(mutex_);
         if (stopping_) {
             close(socket);

@@ -10,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "loopback_listener.h"
+
 namespace s3test {
 
 class FastServer {
@@ -20,7 +22,7 @@ class FastServer {
     FastServer& operator=(const FastServer&) = delete;
 
     /// "127.0.0.1:port".
-    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string host() const { return listener_.host(); }
     int requests() const { return requests_; }
     /// Returns when no connection is left.
     void wait_until_all_left();
@@ -32,8 +34,7 @@ class FastServer {
     void serve(int socket);
     void serve_until_it_leaves(int socket);
 
-    int listener_ = -1;
-    int port_ = 0;
+    LoopbackListener listener_{256};
     std::atomic<int> requests_ = 0;
     std::atomic<int> connections_ = 0;
     std::mutex mutex_;

@@ -1,16 +1,12 @@
 // A server that plays a script, see the header.
 #include "script_server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <stdexcept>
 
 namespace s3test {
 namespace {
@@ -81,16 +77,6 @@ void reset(int socket) {
 }  // namespace
 
 ScriptServer::ScriptServer() {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        listen(listener_, 64) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("no socket for the scripted server");
-    port_ = ntohs(address.sin_port);
     acceptor_ = std::thread([this] { accept_loop(); });
 }
 
@@ -101,13 +87,12 @@ ScriptServer::~ScriptServer() {
         for (const int socket : sockets_)
             shutdown(socket, SHUT_RDWR);
     }
-    shutdown(listener_, SHUT_RDWR);
+    listener_.stop();
     acceptor_.join();
     for (std::thread& worker : workers_)
         worker.join();
     for (const int socket : sockets_)
         close(socket);
-    close(listener_);
 }
 
 ScriptServer& ScriptServer::then(Step step) {
@@ -139,10 +124,8 @@ void ScriptServer::drop_connections() {
 
 void ScriptServer::accept_loop() {
     for (;;) {
-        const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int socket = listener_.accept();
         if (socket < 0) return;
-        const int one = 1;
-        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         const std::lock_guard lock(mutex_);
         sockets_.push_back(socket);
         if (stopping_) return;

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "loopback_listener.h"
+
 namespace s3test {
 
 struct SeenRequest {
@@ -68,9 +70,9 @@ class ScriptServer {
     ScriptServer(const ScriptServer&) = delete;
     ScriptServer& operator=(const ScriptServer&) = delete;
 
-    int port() const { return port_; }
+    int port() const { return listener_.port(); }
     /// "127.0.0.1:port".
-    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string host() const { return listener_.host(); }
 
     ScriptServer& then(Step step);
     ScriptServer& then(std::string reply) {
@@ -92,8 +94,7 @@ class ScriptServer {
     void serve(int socket, int number);
     bool serve_one(int socket, int number, std::string& input);
 
-    int listener_ = -1;
-    int port_ = 0;
+    LoopbackListener listener_{64};
     std::mutex mutex_;
     std::deque<Step> script_;
     std::vector<SeenRequest> requests_;

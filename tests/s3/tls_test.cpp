@@ -1,16 +1,14 @@
 // Certificate checks, against a server on this machine whose certificate nobody vouches for.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <memory>
 #include <thread>
 
+#include "loopback_listener.h"
 #include "script_fixture.h"
 
 namespace {
@@ -51,32 +49,22 @@ class TlsServer {
         certificate_ = self_signed(key_.get());
         SSL_CTX_use_certificate(context_.get(), certificate_.get());
         SSL_CTX_use_PrivateKey(context_.get(), key_.get());
-        listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), size), 0);
-        EXPECT_EQ(listen(listener_, 16), 0);
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-        port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { run(); });
     }
     ~TlsServer() {
-        shutdown(listener_, SHUT_RDWR);
+        listener_.stop();
         thread_.join();
-        close(listener_);
     }
     TlsServer(const TlsServer&) = delete;
     TlsServer& operator=(const TlsServer&) = delete;
 
-    int port() const { return port_; }
+    int port() const { return listener_.port(); }
     int requests() const { return requests_; }
 
   private:
     void run() {
         for (;;) {
-            const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            const int socket = listener_.accept();
             if (socket < 0) return;
             Session session(SSL_new(context_.get()));
             SSL_set_fd(session.get(), socket);
@@ -105,8 +93,7 @@ class TlsServer {
     KeyPair key_;
     Context context_;
     Certificate certificate_;
-    int listener_ = -1;
-    int port_ = 0;
+    s3test::LoopbackListener listener_{16};
     std::atomic<int> requests_ = 0;
     std::thread thread_;
 };
