@@ -5,6 +5,7 @@
  * changes. Threads: a context is used by one thread at a time; one mutex guards the cache, around each add
  * and each find. Ownership: the table owns its entries and their strings until it is destroyed.
  */
+#include "md5_pair.h"
 #include "s3_request.h"
 
 #include <cstdio>
@@ -52,6 +53,17 @@ zorvan_result_t zorvan_i_s3_checksum_update(zorvan_i_s3_checksum_t* checksum, co
     zorvan_i_s3_trace_t trace(__func__);
     const bool updated = MD5_Update(&checksum->md5, bytes, length) == 1;
     checksum->nbytes += length;
+    return trace.exit_result(
+        updated ? ZORVAN_SUCCESS : ZORVAN_S3_GENERIC_ERROR(source_file, __func__, "checksum update error"));
+}
+
+zorvan_result_t zorvan_i_s3_checksum_update_both(zorvan_i_s3_checksum_t* first,
+                                                 zorvan_i_s3_checksum_t* second, const void* bytes,
+                                                 size_t length) noexcept {
+    zorvan_i_s3_trace_t trace(__func__);
+    const bool updated = zorvan_i_s3_md5_update_both(&first->md5, &second->md5, bytes, length) == 1;
+    first->nbytes += length;
+    second->nbytes += length;
     return trace.exit_result(
         updated ? ZORVAN_SUCCESS : ZORVAN_S3_GENERIC_ERROR(source_file, __func__, "checksum update error"));
 }

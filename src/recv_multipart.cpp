@@ -206,10 +206,9 @@ int zorvan_l_s3_recv_multipart_upload_part_data(int buffer_size, char* buffer, v
     zorvan_i_s3_multipart_t* const transfer_state = zorvan_i_s3_multipart_of(callback_data);
     const int count = zorvan_i_s3_receive_data(trace, transfer_state, buffer_size, buffer,
                                                bytes_to_part_end(transfer_state));
-    for (zorvan_i_s3_checksum_t* const checksum : {transfer_state->part_md5, transfer_state->file_md5}) {
-        if (!transfer_state->md5_checking || count <= 0) break;
-        transfer_state->md5_checking =
-            succeeded(zorvan_i_s3_checksum_update(checksum, buffer, static_cast<size_t>(count)));
+    if (transfer_state->md5_checking && count > 0) {
+        transfer_state->md5_checking = succeeded(zorvan_i_s3_checksum_update_both(
+            transfer_state->part_md5, transfer_state->file_md5, buffer, static_cast<size_t>(count)));
     }
     return trace.exit(count);
 }
