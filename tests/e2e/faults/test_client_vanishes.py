@@ -13,13 +13,36 @@ ways = pytest.mark.parametrize("way", ["end", "reset"])
 KINDS = [pytest.param(True, id="announced"), pytest.param(False, id="spooled")]
 
 
+def end(client, way, connection):
+    if way == "reset" and connection.fileno() >= 0:
+        client.reset(connection)
+    else:
+        connection.close()
+
+
 def leave(client, way, *data):
     """Close the sockets, data connections first."""
     for one in (*data, client.socket):
-        if way == "reset" and one.fileno() >= 0:
-            client.reset(one)
-        else:
-            one.close()
+        end(client, way, one)
+
+
+def begin_upload(ftp, bucket, content, announced):
+    """The data connection of an upload of SIZE bytes, announced or not, over which `content` has gone."""
+    if announced:
+        ftp.expect(200, f"ALLO {SIZE}")
+    data = ftp.open_data()
+    ftp.expect(150, f"STOR /{bucket}/file")
+    data.sendall(content)
+    return data
+
+
+def upload_in_silence(ftp, bucket, stored, faults, announced):
+    """Upload content that the store then has, but does not say so before its faults are cleared. Returns the content."""
+    content = random_bytes(SIZE)
+    faults({"stall_before_reply": True}, method="PUT", path="/file$")
+    begin_upload(ftp, bucket, content, announced).close()
+    wait_for(lambda: stored(bucket, "file") == content, "the store has it all")
+    return content
 
 
 def final_reply(ftp):
@@ -127,10 +150,7 @@ def test_in_a_download(login, server, bucket, sample, faults, way, which, receiv
             except ConnectionResetError:
                 pass
     else:
-        if way == "reset":
-            ftp.reset(data)
-        else:
-            data.close()
+        end(ftp, way, data)
         server.store.clear_faults()
         assert ftp.read_reply().code in (425, 426)
 
@@ -154,11 +174,7 @@ def test_in_an_upload(login, server, bucket, s3, stored, way, announced, sent, w
     s3.put_object(Bucket=bucket, Key="file", Body=b"old")
     ftp = login()
     content = random_bytes(SIZE)
-    if announced:
-        ftp.expect(200, f"ALLO {SIZE}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/file")
-    data.sendall(content[:sent])
+    data = begin_upload(ftp, bucket, content[:sent], announced)
     ended_well = way == "end" and which != "control" and (sent == SIZE or not announced)
     if which == "both":
         leave(ftp, way, data)
@@ -170,10 +186,7 @@ def test_in_an_upload(login, server, bucket, s3, stored, way, announced, sent, w
             except ConnectionResetError:
                 pass
     else:
-        if way == "reset":
-            ftp.reset(data)
-        else:
-            data.close()
+        end(ftp, way, data)
         reply = ftp.read_reply()
         assert (reply.code == 226) == ended_well, reply.lines
     if which != "data":
@@ -187,15 +200,7 @@ def test_in_an_upload(login, server, bucket, s3, stored, way, announced, sent, w
 def test_before_the_last_reply_of_an_upload(login, server, bucket, stored, store, faults, way, announced):
     """The store has the object, but has not said so."""
     ftp = login()
-    content = random_bytes(SIZE)
-    faults({"stall_before_reply": True}, method="PUT", path="/file$")
-    if announced:
-        ftp.expect(200, f"ALLO {SIZE}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/file")
-    data.sendall(content)
-    data.close()
-    wait_for(lambda: stored(bucket, "file") == content, "the store has it all")
+    content = upload_in_silence(ftp, bucket, stored, faults, announced)
     leave(ftp, way)
     store.clear_faults()
     server.wait_idle()
@@ -222,10 +227,7 @@ def test_in_a_listing(login, bucket, store, faults, way, which):
         leave(ftp, way)
         data.close()
     else:
-        if way == "reset":
-            ftp.reset(data)
-        else:
-            data.close()
+        end(ftp, way, data)
         store.clear_faults()
         # What there is fits into the connection: a client that only closes may be taken for one that has it all.
         assert final_reply(ftp).code in (226, 425, 426)
@@ -281,11 +283,7 @@ def test_abort_in_a_download(ftp, bucket, sample, store, faults):
 def test_abort_in_an_upload(ftp, bucket, s3, stored, announced, sent):
     s3.put_object(Bucket=bucket, Key="file", Body=b"old")
     content = random_bytes(SIZE)
-    if announced:
-        ftp.expect(200, f"ALLO {SIZE}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/file")
-    data.sendall(content[:sent])
+    data = begin_upload(ftp, bucket, content[:sent], announced)
     ftp.send("ABOR")
     assert [final_reply(ftp).code, final_reply(ftp).code] == [426, 226]
     data.close()
@@ -294,15 +292,7 @@ def test_abort_in_an_upload(ftp, bucket, s3, stored, announced, sent):
 
 @pytest.mark.parametrize("announced", KINDS)
 def test_abort_while_the_store_is_at_work(ftp, bucket, stored, store, faults, announced):
-    content = random_bytes(SIZE)
-    faults({"stall_before_reply": True}, method="PUT", path="/file$")
-    if announced:
-        ftp.expect(200, f"ALLO {SIZE}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/file")
-    data.sendall(content)
-    data.close()
-    wait_for(lambda: stored(bucket, "file") == content, "the store has it all")
+    content = upload_in_silence(ftp, bucket, stored, faults, announced)
     ftp.send("ABOR")
     store.clear_faults()
     assert [ftp.read_reply().code, ftp.read_reply().code] == [226, 226], "the store had confirmed"
