@@ -89,6 +89,15 @@ TEST_F(Connections, IdleOnesAreLimitedOldestFirst) {
     EXPECT_EQ(pool->idle_count(), 0u);
 }
 
+TEST_F(Connections, IdleOnesAreNotKeptForEver) {
+    S3_set_option(S3OptionIdleConnectionSeconds, 0);
+    server_.then(reply(200)).then(reply(200));
+    EXPECT_EQ(get("a").status, S3StatusOK);
+    EXPECT_EQ(get("a").status, S3StatusOK);
+    EXPECT_EQ(server_.connections(), 2);
+    EXPECT_EQ(s3::library_state("h").pool->idle_count(), 1u) << "the old one is gone";
+}
+
 TEST_F(Connections, AConnectionThatDiedIdleIsReplaced) {
     server_.then(reply(200)).then(reply(200));
     EXPECT_EQ(get("a").status, S3StatusOK);
@@ -179,6 +188,20 @@ TEST_F(Connections, TheTotalLimitHolds) {
     const S3BucketContext where = context();
     S3_head_object(&where, "a", nullptr, 200, &s3test::kResponse, &recorder);
     EXPECT_EQ(recorder.status, S3StatusErrorRequestTimeout);
+}
+
+TEST_F(Connections, TimeThatReadingTheBodyTookCounts) {
+    Recorder recorder;
+    recorder.body = "hello";
+    const auto begin = std::chrono::steady_clock::now();
+    recorder.on_body = [&] {
+        while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(20))
+            std::this_thread::yield();
+    };
+    const S3BucketContext where = context();
+    S3_put_object(&where, "a", 5, nullptr, nullptr, 10, &s3test::kPut, &recorder);
+    EXPECT_EQ(recorder.status, S3StatusErrorRequestTimeout);
+    EXPECT_EQ(server_.connections(), 0) << "the limit had passed before there was anything to send";
 }
 
 TEST_F(Connections, NamesThatDoNotResolve) {

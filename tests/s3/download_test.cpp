@@ -171,6 +171,54 @@ TEST_F(Downloads, AChunkedReplyThatBreaksOffIsContinued) {
     EXPECT_EQ(server_.requests()[1].header("range"), "bytes=5-");
 }
 
+TEST_F(Downloads, AChunkedRangeThatBreaksOffKeepsItsEnd) {
+    // A range of which neither a length nor a place is told: its end follows from what was asked for.
+    Step chunked;
+    chunked.reply = reply(206, {{"Transfer-Encoding", "chunked"}, {"ETag", "\"e\""}}, "5\r\nhello\r\n");
+    chunked.close = true;
+    server_.then(chunked).then(
+        reply(206, {{"ETag", "\"e\""}, {"Content-Range", range_of(15, 19, 50)}}, "world"));
+    const Recorder got = get("key", 10, 10);
+    EXPECT_EQ(got.status, S3StatusOK);
+    EXPECT_EQ(got.data, "helloworld");
+    EXPECT_EQ(server_.requests()[1].header("range"), "bytes=15-19");
+}
+
+TEST_F(Downloads, WhenEveryByteIsThereABadEndOfTheConnectionIsNoFailure) {
+    // The range tells the length; the last chunk, which would end the reply, never comes.
+    Step chunked;
+    chunked.reply = reply(
+        206, {{"Transfer-Encoding", "chunked"}, {"ETag", "\"e\""}, {"Content-Range", range_of(10, 14, 50)}},
+        "5\r\nhello\r\n");
+    chunked.close = true;
+    server_.then(chunked);
+    const Recorder got = get("key", 10, 5);
+    EXPECT_EQ(got.status, S3StatusOK);
+    EXPECT_EQ(got.data, "hello");
+    EXPECT_FALSE(got.message);
+    EXPECT_EQ(server_.requests().size(), 1u);
+}
+
+TEST_F(Downloads, CutsBeforeTheFirstByteEndTheDownloadToo) {
+    S3_set_option(S3OptionDownloadResumes, 2);
+    for (int i = 0; i < 20; ++i)
+        server_.then(cut_reply(200, {{"ETag", "\"e\""}}, "", 5));
+    const Recorder got = get("key");
+    EXPECT_EQ(got.status, S3StatusConnectionFailed);
+    EXPECT_EQ(got.retryable_in_complete, 1) << "nothing was delivered";
+    EXPECT_FALSE(got.saw("data"));
+    EXPECT_EQ(server_.requests().size(), 1u + 2u);
+}
+
+TEST_F(Downloads, PropertiesOfAnEmptyObjectMayBeRefused) {
+    server_.then(reply(200, {{"ETag", "\"e\""}}));
+    Recorder recorder;
+    recorder.refuse_properties_with = S3StatusErrorPreconditionFailed;
+    get_into(recorder, "key");
+    EXPECT_EQ(recorder.status, S3StatusErrorPreconditionFailed);
+    EXPECT_EQ(recorder.events, (Events{"properties", "complete"}));
+}
+
 TEST_F(Downloads, AChangedObjectEndsTheDownload) {
     const auto first = [] { return cut_reply(200, {{"ETag", "\"e\""}}, "0123", 10); };
     server_.then(first()).then(reply(412));

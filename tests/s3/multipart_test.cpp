@@ -245,6 +245,52 @@ TEST_F(Multipart, AnErrorInsideA200IsNoSuccess) {
     EXPECT_EQ(commit().status, S3StatusOK);
 }
 
+TEST_F(Multipart, ASuccessWithoutADocumentLeavesTheOutcomeOpen) {
+    server_.then(reply(200, {}, "<html>a proxy's page</html>"))
+        .then(reply(200, {{"ETag", committed_etag()}}));
+    const Recorder found = commit();
+    EXPECT_EQ(found.status, S3StatusOK);
+    EXPECT_EQ(found.commit_etag, committed_etag());
+
+    server_.then(reply(200, {}, "")).then(reply(404)).then(commit_reply("<ETag>x-2</ETag>"));
+    const Recorder again = commit();
+    EXPECT_EQ(again.status, S3StatusOK);
+    EXPECT_EQ(again.commit_etag, "\"x-2\"");
+
+    S3_set_option(S3OptionUploadResends, 0);
+    server_.then(reply(200, {}, "<html/>")).then(reply(404));
+    EXPECT_EQ(commit().status, S3StatusErrorInternalError);
+    EXPECT_EQ(server_.requests().size(), 2u + 3u + 2u);
+}
+
+TEST_F(Multipart, TheObjectIsAskedForAgainWhenTheStoreIsBusy) {
+    server_.then(error_reply(503, "SlowDown"))
+        .then(reply(503))
+        .then(reply(500))
+        .then(reply(200, {{"ETag", committed_etag()}}));
+    EXPECT_EQ(commit().status, S3StatusOK);
+    auto requests = server_.requests();
+    ASSERT_EQ(requests.size(), 4u);
+    for (size_t i = 1; i < 4; ++i)
+        EXPECT_EQ(requests[i].method, "HEAD");
+
+    S3_set_option(S3OptionUploadResends, 1);
+    server_.then(error_reply(503, "SlowDown")).then(reply(503)).then(reply(503)).then(commit_reply(""));
+    EXPECT_EQ(commit().status, S3StatusOK);
+    requests = server_.requests();
+    ASSERT_EQ(requests.size(), 8u);
+    EXPECT_EQ(requests[7].method, "POST");
+}
+
+TEST_F(Multipart, ADocumentThatNoMemoryHoldsIsNeverSent) {
+    Recorder recorder;
+    const S3BucketContext where = context();
+    S3_complete_multipart_upload(&where, "key", &s3test::kCommit, "id", UINT64_MAX, nullptr, 0, &recorder);
+    EXPECT_EQ(recorder.status, S3StatusInternalError);
+    EXPECT_EQ(recorder.events, Events{"complete"});
+    EXPECT_EQ(server_.connections(), 0);
+}
+
 TEST_F(Multipart, AnotherObjectUnderTheKeyIsNoSuccess) {
     for (int i = 0; i < 4; ++i)
         server_.then(error_reply(500, "InternalError")).then(reply(200, {{"ETag", "\"" + kPartA + "-2\""}}));
@@ -377,6 +423,9 @@ TEST_F(Multipart, APageOfPartsThatLeadsBackIsRefused) {
     // Without a marker of the page's own the last part is one.
     server_.then(parts_page("<IsTruncated>true</IsTruncated>" + part_entry("2", kPartA)));
     EXPECT_EQ(parts("2").status, S3StatusInternalError);
+    // Without any part either there is no way on.
+    server_.then(parts_page("<IsTruncated>true</IsTruncated>"));
+    EXPECT_EQ(parts().message, "the list of parts goes on but has no marker");
     // The numbers count, not their texts; and the last page leads nowhere.
     server_.then(page_to("10")).then(page_to("1"));
     EXPECT_EQ(parts("9").marker, "10");

@@ -131,6 +131,21 @@ TEST_F(ObjectCalls, PutSendsWhatThePropertiesSay) {
         << request.header("authorization");
 }
 
+TEST_F(ObjectCalls, EveryCannedAclHasItsName) {
+    for (const auto& [acl, name] : std::vector<std::pair<S3CannedAcl, std::string>>{
+             {S3CannedAclPrivate, ""},
+             {S3CannedAclPublicRead, "public-read"},
+             {S3CannedAclPublicReadWrite, "public-read-write"},
+             {S3CannedAclAuthenticatedRead, "authenticated-read"},
+             {S3CannedAclBucketOwnerFullControl, "bucket-owner-full-control"}}) {
+        server_.then(reply(200));
+        S3PutProperties properties = s3test::no_properties();
+        properties.cannedAcl = acl;
+        EXPECT_EQ(put("key", "x", &properties).status, S3StatusOK);
+        EXPECT_EQ(server_.requests().back().header("x-amz-acl"), name);
+    }
+}
+
 TEST_F(ObjectCalls, EmptyPutAsksForNoBytes) {
     server_.then(reply(200));
     Recorder recorder;
@@ -449,6 +464,13 @@ TEST_F(ObjectCalls, RedirectsInsideTheStoreAreSignedAnew) {
     EXPECT_EQ(requests[1].target, "/other/place?x=1");
     EXPECT_NE(requests[1].header("authorization"), "");
     EXPECT_NE(requests[1].header("authorization"), requests[0].header("authorization"));
+}
+
+TEST_F(ObjectCalls, ARedirectsQueryIsKeptWhole) {
+    server_.then(reply(307, {{"Location", "/other?flag&a=1%2B1&&b=x=y#fragment"}}))
+        .then(reply(200, {}, "data"));
+    EXPECT_EQ(get("key").data, "data");
+    EXPECT_EQ(server_.requests()[1].target, "/other?flag&a=1%2B1&b=x%3Dy");
 }
 
 TEST_F(ObjectCalls, RedirectsElsewhereAreReported) {

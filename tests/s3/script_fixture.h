@@ -29,6 +29,7 @@ class Scripted : public ::testing::Test {
         S3_set_option(S3OptionUploadResends, 3);
         S3_set_option(S3OptionBucketProbeSeconds, 30);
         S3_set_option(S3OptionMaxIdleConnections, 256);
+        S3_set_option(S3OptionIdleConnectionSeconds, 50);
     }
 
     S3BucketContext context() const {

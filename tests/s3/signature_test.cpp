@@ -90,6 +90,11 @@ TEST(Encoding, PercentDecoding) {
     EXPECT_EQ(s3::decode_percent("%41", false), "A");
 }
 
+TEST(Encoding, XmlText) {
+    EXPECT_EQ(s3::escape_xml("a<b>&\"c'd"), "a&lt;b&gt;&amp;&quot;c&apos;d");
+    EXPECT_EQ(s3::escape_xml(""), "");
+}
+
 TEST(Dates, Iso8601IsUtc) {
     EXPECT_EQ(s3::parse_iso8601("2013-05-24T00:00:00.000Z"), 1369353600);
     EXPECT_EQ(s3::parse_iso8601("2013-05-24T02:00:00+02:00"), 1369353600);

@@ -101,7 +101,7 @@ TEST(OptionsDeathTest, TheEnvironmentReplacesDefaults) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto started_with = [](const char* variable, const char* value, S3Option which, int64_t expected) {
         ::setenv(variable, value, 1);
-        std::_Exit(s3::option(which) == expected ? 0 : 1);
+        std::exit(s3::option(which) == expected ? 0 : 1);
     };
     const auto good = ::testing::ExitedWithCode(0);
     EXPECT_EXIT(started_with("ZORVAN_S3_STALL_SECONDS", "7", S3OptionStallSeconds, 7), good, "^$");
@@ -113,6 +113,10 @@ TEST(OptionsDeathTest, TheEnvironmentReplacesDefaults) {
                     "ZORVAN_S3_STALL_SECONDS: not a number from 1 to 86400, left out")
             << wrong;
     }
+    // Where 0 is allowed, a number that is too large must not pass for it.
+    EXPECT_EXIT(started_with("ZORVAN_S3_BUCKET_PROBE_SECONDS", "99999999999999999999",
+                             S3OptionBucketProbeSeconds, 30),
+                good, "ZORVAN_S3_BUCKET_PROBE_SECONDS: not a number from 0 to 86400, left out");
 }
 
 TEST(Life, HostTooLongIsRefused) {
