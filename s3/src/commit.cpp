@@ -111,8 +111,8 @@ bool Commit::object_is_there(ExchangeResult& result) {
 S3Status Commit::tell(const ResponseHeaders& headers) {
     const S3Status status = deliver_properties(handler_.responseHandler, callback_data_, headers);
     if (status != S3StatusOK || handler_.responseXmlCallback == nullptr) return status;
-    const auto text = [](const std::string& value) { return value.empty() ? nullptr : value.c_str(); };
-    return handler_.responseXmlCallback(text(committed_.location), text(committed_.etag), callback_data_);
+    return handler_.responseXmlCallback(nonempty_or_null(committed_.location),
+                                        nonempty_or_null(committed_.etag), callback_data_);
 }
 
 void Commit::run(CallResult& call) {

@@ -227,11 +227,7 @@ extern "C" void S3_get_object(const S3BucketContext* bucketContext, const char* 
         // A range that leaves the numbers' range can only be a mistake; wrapped it would read other bytes.
         if (byteCount != 0 && startByte > UINT64_MAX - (byteCount - 1))
             throw s3::Refusal{S3StatusErrorInvalidRange};
-        s3::RequestPlan plan;
-        plan.deadline = s3::Deadline(timeoutMs);
-        plan.store = s3::make_store(*bucketContext);
-        s3::check_bucket(plan.store.bucket, plan.store.virtual_host);
-        plan.address = s3::object_address(plan.store, key);
+        s3::RequestPlan plan = s3::make_plan("GET", *bucketContext, key, timeoutMs);
         s3::append_conditions(plan.headers, getConditions);
         s3::Download download(*handler, callbackData, startByte, byteCount);
         download.run(plan, call);

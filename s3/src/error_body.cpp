@@ -2,20 +2,13 @@
 // everything that is neither.
 #include "error_body.h"
 
-#include <jansson.h>
-
-#include <memory>
-
+#include "json.h"
 #include "status.h"
 #include "text.h"
 #include "xml.h"
 
 namespace s3 {
 namespace {
-
-struct JsonDeleter {
-    void operator()(json_t* value) const noexcept { json_decref(value); }
-};
 
 void set_field(ErrorReply& reply, const std::string& name, std::string value) {
     // Stores send empty elements for what they do not say.
@@ -74,8 +67,7 @@ std::optional<ErrorReply> read_xml_error(std::string_view body, S3Status status_
 
 std::optional<ErrorReply> read_json_error(std::string_view body, S3Status status_for_unknown) {
     if (!body.starts_with('{')) return std::nullopt;
-    const std::unique_ptr<json_t, JsonDeleter> root(
-        json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, nullptr));
+    const Json root(json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, nullptr));
     const char* code = json_string_value(json_object_get(root.get(), "Code"));
     if (code == nullptr || *code == '\0') return std::nullopt;
     ErrorReply reply;
@@ -116,15 +108,12 @@ std::optional<ErrorReply> error_inside_success(std::string_view body) {
 }
 
 ErrorDetailsView::ErrorDetailsView(const ErrorInfo& info) {
-    const auto text = [](const std::optional<std::string>& value) {
-        return value ? value->c_str() : nullptr;
-    };
     extra_.reserve(info.extra.size());
     for (const auto& [name, value] : info.extra)
         extra_.push_back({name.c_str(), value.c_str()});
-    details_.message = text(info.message);
-    details_.resource = text(info.resource);
-    details_.furtherDetails = text(info.further_details);
+    details_.message = text_or_null(info.message);
+    details_.resource = text_or_null(info.resource);
+    details_.furtherDetails = text_or_null(info.further_details);
     details_.extraDetailsCount = static_cast<int>(extra_.size());
     details_.extraDetails = extra_.empty() ? nullptr : extra_.data();
 }

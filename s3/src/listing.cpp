@@ -93,14 +93,11 @@ ObjectPage read_page(const XmlReply& document, const NameDecoder& decode) {
 
 S3Status tell_page(const ObjectPage& page, const S3ListBucketHandler& handler, void* callback_data) {
     if (handler.listBucketCallback == nullptr) return S3StatusOK;
-    const auto text = [](const std::optional<std::string>& value) {
-        return value ? value->c_str() : nullptr;
-    };
     std::vector<S3ListBucketContent> contents;
     contents.reserve(page.objects.size());
     for (const ListedObject& object : page.objects) {
         contents.push_back({object.key.name.c_str(), object.last_modified, object.etag.c_str(), object.size,
-                            text(object.owner_id), text(object.owner_name)});
+                            text_or_null(object.owner_id), text_or_null(object.owner_name)});
     }
     std::vector<const char*> prefixes;
     prefixes.reserve(page.prefixes.size());
@@ -137,20 +134,13 @@ extern "C" void S3_list_bucket(const S3BucketContext* bucketContext, const char*
                                const char* delimiter, int maxkeys, S3RequestContext*, int timeoutMs,
                                const S3ListBucketHandler* handler, void* callbackData) {
     s3::run_call(handler->responseHandler, callbackData, [&](s3::CallResult& call) {
-        s3::RequestPlan plan;
-        plan.deadline = s3::Deadline(timeoutMs);
-        plan.store = s3::make_store(*bucketContext);
-        s3::check_bucket(plan.store.bucket, plan.store.virtual_host);
-        plan.address = s3::object_address(plan.store, "");
-        const auto add = [&](const char* name, const char* value) {
-            if (value != nullptr && *value != '\0') plan.query.emplace_back(name, value);
-        };
-        add("delimiter", delimiter);
+        s3::RequestPlan plan = s3::make_plan("GET", *bucketContext, nullptr, timeoutMs);
+        s3::add_query(plan, "delimiter", delimiter);
         // Keys may hold bytes that XML cannot.
-        add("encoding-type", "url");
-        add("marker", marker);
+        s3::add_query(plan, "encoding-type", "url");
+        s3::add_query(plan, "marker", marker);
         if (maxkeys > 0) plan.query.emplace_back("max-keys", std::to_string(maxkeys));
-        add("prefix", prefix);
+        s3::add_query(plan, "prefix", prefix);
         s3::list_bucket(plan, marker != nullptr ? marker : "", *handler, callbackData, call);
     });
 }

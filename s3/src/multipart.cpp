@@ -10,13 +10,7 @@ namespace s3 {
 RequestPlan upload_plan(std::string_view method, const S3BucketContext& context, const char* key,
                         int timeout_ms) {
     check_key(key);
-    RequestPlan plan;
-    plan.method = method;
-    plan.deadline = Deadline(timeout_ms);
-    plan.store = make_store(context);
-    check_bucket(plan.store.bucket, plan.store.virtual_host);
-    plan.address = object_address(plan.store, key);
-    return plan;
+    return make_plan(method, context, key, timeout_ms);
 }
 
 void check_upload_id(const char* upload_id) {
@@ -45,7 +39,7 @@ void initiate(RequestPlan& plan, const S3MultipartInitialHandler& handler, void*
     const std::string id = child_text(document.root(), "UploadId");
     call.status = deliver_properties(handler.responseHandler, callback_data, result.headers);
     if (call.status == S3StatusOK && handler.responseXmlCallback != nullptr)
-        call.status = handler.responseXmlCallback(id.empty() ? nullptr : id.c_str(), callback_data);
+        call.status = handler.responseXmlCallback(nonempty_or_null(id), callback_data);
 }
 
 void upload_part(RequestPlan& plan, const S3PutObjectHandler& handler, void* callback_data,

@@ -9,14 +9,6 @@
 namespace s3 {
 namespace {
 
-const char* text_or_null(const std::string& text) {
-    return text.empty() ? nullptr : text.c_str();
-}
-
-void add_query(RequestPlan& plan, const char* name, const char* value) {
-    if (value != nullptr && *value != '\0') plan.query.emplace_back(name, value);
-}
-
 struct People {
     std::string initiator_id, initiator_name, owner_id, owner_name, storage_class;
 
@@ -87,7 +79,7 @@ void list_parts(RequestPlan& plan, std::string_view asked, const S3ListPartsHand
     if (call.status != S3StatusOK || handler.responseXmlCallback == nullptr) return;
     call.status = handler.responseXmlCallback(
         truncated ? 1 : 0, truncated ? marker.c_str() : nullptr, people.initiator_id.c_str(),
-        people.initiator_name.c_str(), text_or_null(people.owner_id), text_or_null(people.owner_name),
+        people.initiator_name.c_str(), nonempty_or_null(people.owner_id), nonempty_or_null(people.owner_name),
         people.storage_class.c_str(), static_cast<int>(parts.size()), 0, parts.data(), callback_data);
 }
 
@@ -144,8 +136,9 @@ S3Status tell_uploads(const UploadPage& page, const S3ListMultipartUploadsHandle
     for (const ListedUpload& upload : page.uploads) {
         const People& people = upload.people;
         uploads.push_back({upload.key.name.c_str(), upload.id.c_str(), people.initiator_id.c_str(),
-                           people.initiator_name.c_str(), text_or_null(people.owner_id),
-                           text_or_null(people.owner_name), people.storage_class.c_str(), upload.initiated});
+                           people.initiator_name.c_str(), nonempty_or_null(people.owner_id),
+                           nonempty_or_null(people.owner_name), people.storage_class.c_str(),
+                           upload.initiated});
     }
     std::vector<const char*> prefixes;
     prefixes.reserve(page.prefixes.size());
@@ -220,11 +213,7 @@ extern "C" void S3_list_multipart_uploads(const S3BucketContext* bucketContext, 
                                           S3RequestContext*, int timeoutMs,
                                           const S3ListMultipartUploadsHandler* handler, void* callbackData) {
     s3::run_call(handler->responseHandler, callbackData, [&](s3::CallResult& call) {
-        s3::RequestPlan plan;
-        plan.deadline = s3::Deadline(timeoutMs);
-        plan.store = s3::make_store(*bucketContext);
-        s3::check_bucket(plan.store.bucket, plan.store.virtual_host);
-        plan.address = s3::object_address(plan.store, "");
+        s3::RequestPlan plan = s3::make_plan("GET", *bucketContext, nullptr, timeoutMs);
         s3::add_query(plan, "delimiter", delimiter);
         const bool chosen = encodingtype != nullptr && *encodingtype != '\0';
         s3::add_query(plan, "encoding-type", encodingtype);

@@ -8,18 +8,6 @@
 namespace s3 {
 namespace {
 
-RequestPlan object_plan(std::string_view method, const S3BucketContext& context, const char* key,
-                        int timeout_ms) {
-    RequestPlan plan;
-    plan.method = method;
-    plan.deadline = Deadline(timeout_ms);
-    plan.store = make_store(context);
-    check_bucket(plan.store.bucket, plan.store.virtual_host);
-    check_key_length(key);
-    plan.address = object_address(plan.store, key != nullptr ? key : "");
-    return plan;
-}
-
 // A bucket is asked for by callers that repeat a retryable answer at once and without end, so patience lives
 // here and what stays broken is reported as final.
 ExchangeResult probe_bucket(RequestPlan& plan) {
@@ -44,7 +32,7 @@ void head(const S3BucketContext& context, const char* key, int timeout_ms, const
     const bool bucket = key == nullptr || *key == '\0';
     RequestPlan plan;
     try {
-        plan = object_plan("HEAD", context, key, timeout_ms);
+        plan = make_plan("HEAD", context, key, timeout_ms);
     } catch (const Refusal& refusal) {
         if (!bucket || !is_retryable_kind(refusal.status)) throw;
         return fail(call, S3StatusInternalError, "the name of the bucket's host is malformed");
@@ -66,7 +54,7 @@ extern "C" void S3_put_object(const S3BucketContext* bucketContext, const char* 
                               const S3PutObjectHandler* handler, void* callbackData) {
     s3::run_call(handler->responseHandler, callbackData, [&](s3::CallResult& call) {
         s3::check_key(key);
-        s3::RequestPlan plan = s3::object_plan("PUT", *bucketContext, key, timeoutMs);
+        s3::RequestPlan plan = s3::make_plan("PUT", *bucketContext, key, timeoutMs);
         s3::append_put_headers(plan.headers, putProperties);
         s3::UploadBody body(handler->putObjectDataCallback, callbackData, contentLength);
         plan.body = &body;
@@ -87,7 +75,7 @@ extern "C" void S3_delete_object(const S3BucketContext* bucketContext, const cha
                                  int timeoutMs, const S3ResponseHandler* handler, void* callbackData) {
     s3::run_call(*handler, callbackData, [&](s3::CallResult& call) {
         s3::check_key(key);
-        s3::RequestPlan plan = s3::object_plan("DELETE", *bucketContext, key, timeoutMs);
+        s3::RequestPlan plan = s3::make_plan("DELETE", *bucketContext, key, timeoutMs);
         s3::perform_simple(plan, *handler, callbackData, call);
     });
 }

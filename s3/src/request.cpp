@@ -117,6 +117,22 @@ Store make_store(const S3BucketContext& context) {
                       context.securityToken, context.hostName, context.bucketName, context.authRegion);
 }
 
+RequestPlan make_plan(std::string_view method, const S3BucketContext& context, const char* key,
+                      int timeout_ms) {
+    RequestPlan plan;
+    plan.method = method;
+    plan.deadline = Deadline(timeout_ms);
+    plan.store = make_store(context);
+    check_bucket(plan.store.bucket, plan.store.virtual_host);
+    check_key_length(key);
+    plan.address = object_address(plan.store, key != nullptr ? key : "");
+    return plan;
+}
+
+void add_query(RequestPlan& plan, std::string_view name, const char* value) {
+    if (value != nullptr && *value != '\0') plan.query.emplace_back(name, value);
+}
+
 Address object_address(const Store& store, std::string_view key) {
     Address address;
     const std::string path = "/" + encode_path(key);

@@ -107,6 +107,14 @@ Store make_store(const S3BucketContext& context);
 Store make_store(S3Protocol protocol, S3UriStyle style, const char* access_key, const char* secret_key,
                  const char* token, const char* host, const char* bucket, const char* region);
 
+/// The beginning of every request on an object or, with a null or empty key, on a bucket: where it goes and
+/// how long it may take. Throws Refusal for names that cannot be.
+RequestPlan make_plan(std::string_view method, const S3BucketContext& context, const char* key,
+                      int timeout_ms);
+
+/// Adds a parameter unless it is null or empty.
+void add_query(RequestPlan& plan, std::string_view name, const char* value);
+
 /// Address of an object, or with an empty key of the bucket.
 Address object_address(const Store& store, std::string_view key);
 /// Address beside all buckets; path is raw and begins with "/".

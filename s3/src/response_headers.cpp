@@ -105,23 +105,20 @@ void ResponseHeaders::add_line(std::string_view line) {
 }
 
 PropertiesView::PropertiesView(const ResponseHeaders& headers) {
-    const auto text = [](const std::optional<std::string>& value) {
-        return value ? value->c_str() : nullptr;
-    };
     metadata_.reserve(headers.metadata.size());
     for (const auto& [name, value] : headers.metadata)
         metadata_.push_back({name.c_str(), value.c_str()});
-    properties_.requestId = text(headers.request_id);
-    properties_.requestId2 = text(headers.request_id2);
-    properties_.contentType = text(headers.content_type);
+    properties_.requestId = text_or_null(headers.request_id);
+    properties_.requestId2 = text_or_null(headers.request_id2);
+    properties_.contentType = text_or_null(headers.content_type);
     properties_.contentLength = headers.content_length.value_or(0);
-    properties_.server = text(headers.server);
-    properties_.eTag = text(headers.etag);
+    properties_.server = text_or_null(headers.server);
+    properties_.eTag = text_or_null(headers.etag);
     properties_.lastModified = headers.last_modified;
     properties_.metaDataCount = static_cast<int>(metadata_.size());
     properties_.metaData = metadata_.empty() ? nullptr : metadata_.data();
     properties_.usesServerSideEncryption = headers.encryption;
-    properties_.bucketRegion = text(headers.bucket_region);
+    properties_.bucketRegion = text_or_null(headers.bucket_region);
     if (headers.storage_class || headers.archive_status) {
         storage_class_ = headers.storage_class.value_or("");
         if (headers.archive_status) storage_class_ += ":" + *headers.archive_status;

@@ -24,12 +24,7 @@ extern "C" void S3_restore_object(const S3BucketContext* bucketContext, const ch
                                   const S3ResponseHandler* handler, void* callbackData) {
     s3::run_call(*handler, callbackData, [&](s3::CallResult& call) {
         s3::check_key(key);
-        s3::RequestPlan plan;
-        plan.method = "POST";
-        plan.deadline = s3::Deadline(timeoutMs);
-        plan.store = s3::make_store(*bucketContext);
-        s3::check_bucket(plan.store.bucket, plan.store.virtual_host);
-        plan.address = s3::object_address(plan.store, key);
+        s3::RequestPlan plan = s3::make_plan("POST", *bucketContext, key, timeoutMs);
         plan.query = {{"restore", ""}};
         const std::string document = s3::restore_document(days, tier);
         plan.headers = {{"Content-Type", "application/xml"},

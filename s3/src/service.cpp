@@ -55,8 +55,8 @@ void list_service(RequestPlan& plan, const S3ListServiceHandler& handler, void* 
     }
     call.status = deliver_properties(handler.responseHandler, callback_data, headers);
     if (handler.listServiceCallback == nullptr) return;
-    const char* owner_id = list.owner_id ? list.owner_id->c_str() : nullptr;
-    const char* owner_name = list.owner_name ? list.owner_name->c_str() : nullptr;
+    const char* owner_id = text_or_null(list.owner_id);
+    const char* owner_name = text_or_null(list.owner_name);
     for (const ListedBucket& bucket : list.buckets) {
         if (call.status != S3StatusOK) return;
         call.status = handler.listServiceCallback(owner_id, owner_name, bucket.name.c_str(), bucket.created,

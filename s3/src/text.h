@@ -54,6 +54,15 @@ std::array<unsigned char, 32> sha256(std::string_view data);
 /// Escapes & < > " ' for element text.
 std::string escape_xml(std::string_view text);
 
+/// A text as the C interface gives it: null when there is none. Borrowed.
+inline const char* text_or_null(const std::optional<std::string>& text) {
+    return text ? text->c_str() : nullptr;
+}
+/// The same where an empty text stands for none.
+inline const char* nonempty_or_null(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
 /// Puts double quotes around an ETag that has none; empty stays empty.
 std::string quoted_etag(std::string_view etag);
 /// An ETag without its quotes.

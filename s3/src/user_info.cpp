@@ -1,6 +1,5 @@
 // A store user and its keys, from the administration interface (Ceph RADOS Gateway: "Admin Operations", get
 // user info). Only whole values are handed on: a key that does not fit its field is left out, never cut.
-#include <jansson.h>
 #include <libs3.h>
 
 #include <cstdlib>
@@ -8,15 +7,10 @@
 #include <memory>
 
 #include "complete.h"
-#include "options.h"
+#include "json.h"
 
 namespace s3 {
 namespace {
-
-struct JsonDeleter {
-    void operator()(json_t* value) const noexcept { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, JsonDeleter>;
 
 struct FreeDeleter {
     void operator()(void* memory) const noexcept { std::free(memory); }
