@@ -493,6 +493,9 @@ TEST_F(Multipart, APageOfUploadsThatLeadsBackIsRefused) {
         .then(uploads_page("<NextKeyMarker>b</NextKeyMarker><IsTruncated>false</IsTruncated>"));
     EXPECT_EQ(uploads("b").status, S3StatusInternalError);
     EXPECT_EQ(uploads("b").status, S3StatusOK);
+    // Without a marker and without any upload there is no way on.
+    server_.then(uploads_page("<IsTruncated>true</IsTruncated>"));
+    EXPECT_EQ(uploads().message, "the list of uploads goes on but has no marker");
 }
 
 TEST_F(Multipart, UploadsThatSpoilTheDocumentAreAskedForEncoded) {
