@@ -3,16 +3,15 @@ to the store, one at a time, and sums nothing."""
 
 import argparse
 import dataclasses
-import hashlib
 import re
-import time
+import subprocess
 import urllib.parse
 
 import load
 from gateway import gateway
 from load import Sessions, together
 from processes import BenchError, resident_kib
-from samples import GIB, Sample
+from samples import Sample
 
 # Rows, how the gateway gets the file, and over how many streams (None: curl, announced).
 _ROWS = (("up_parts", None), ("up_parts_1", 1), ("up_parts_4", 4))
@@ -84,10 +83,9 @@ def parts(bench):
                 both.turn(row, contender, million, lambda c=command: together([c]), lambda k=key: connection.size(k) == size)
                 _check_parts(connection, key, size, part_size)
                 bench.store.remove_all(key)
-            begin = time.process_time()
-            with open(source, "rb") as content:
-                hashlib.file_digest(content, "md5")
-            bench.add("md5_twice", contender, Sample(2 * (time.process_time() - begin) * GIB / size, 0))
+            sums = subprocess.run([options.build / "bin/zorvan-md5-cost"], check=True, capture_output=True, text=True)
+            for row, seconds in zip(("md5_apart", "md5_both"), sums.stdout.split(), strict=True):
+                bench.add(row, contender, Sample(float(seconds), 0))
     for row, memory_part, length in (("memory_parts", part_size, size), ("memory_parts_short", part_size, options.session_size),
                                      ("memory_parts_large", 4 * part_size, size)):
         own = bench.file(length)
