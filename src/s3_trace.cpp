@@ -1,8 +1,8 @@
 /*
  * The debug log: two printing calls and the line that tells a result.
  *
- * Flow: a statement tests its level, then prints header and message with one of the two calls. Threads: any;
- * each call is one formatted write. The handle is filled and emptied by the base module's activation.
+ * Flow: a statement tests its level and holds the stream, then prints header and message with one of the two
+ * calls. Threads: any. The handle is filled and emptied by the base module's activation.
  */
 #include "s3_trace.h"
 
@@ -59,6 +59,15 @@ void zorvan_i_ZORVAN_S3_debug_time_printf(const char* format, ...) noexcept {
     va_start(arguments, format);
     std::vfprintf(file, prefixed, arguments);
     va_end(arguments);
+}
+
+zorvan_i_s3_debug_statement_t::zorvan_i_s3_debug_statement_t() noexcept
+    : stream_(zorvan_i_ZORVAN_S3_debug_handle.file) {
+    if (stream_) flockfile(stream_);
+}
+
+zorvan_i_s3_debug_statement_t::~zorvan_i_s3_debug_statement_t() {
+    if (stream_) funlockfile(stream_);
 }
 
 void zorvan_i_s3_log_result(const char* function, zorvan_result_t result,

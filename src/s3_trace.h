@@ -2,7 +2,7 @@
  * The levelled debug log (environment variable ZORVAN_S3_DEBUG) and the trace of functions.
  *
  * Each function begins with a zorvan_i_s3_trace_t, which writes "enter" and, at its end, the exit line that
- * fits what the function returns. Threads: any; a line is one or two formatted writes without a lock.
+ * fits what the function returns. Threads: any; nobody writes between a statement's header and its message.
  */
 #ifndef ZORVAN_S3_TRACE_H
 #define ZORVAN_S3_TRACE_H
@@ -11,6 +11,7 @@
 #include <zorvan_common.h>
 
 #include <cstdint>
+#include <cstdio>
 
 /** Levels of the debug log. */
 enum zorvan_i_s3_debug_level_t : uint32_t {
@@ -41,10 +42,26 @@ void zorvan_i_ZORVAN_S3_debug_time_printf(const char* format, ...) noexcept ZORV
         }                                                                   \
     } while (0)
 
+/**
+ * Holds the debug stream for one statement, so that those of other threads come before or after it. The lock
+ * is the stream's own: the two prints take it again. Without a stream nothing is held.
+ */
+class zorvan_i_s3_debug_statement_t {
+  public:
+    zorvan_i_s3_debug_statement_t() noexcept;
+    zorvan_i_s3_debug_statement_t(const zorvan_i_s3_debug_statement_t&) = delete;
+    zorvan_i_s3_debug_statement_t& operator=(const zorvan_i_s3_debug_statement_t&) = delete;
+    ~zorvan_i_s3_debug_statement_t();
+
+  private:
+    FILE* stream_;
+};
+
 /** A log statement: header, then message. Arguments are not evaluated while the level is off. */
 #define ZORVAN_S3_LOG_AS(function_name, level, ...)                                             \
     do {                                                                                        \
         if (zorvan_i_ZORVAN_S3_debug_handle.levels & (level)) {                                 \
+            const zorvan_i_s3_debug_statement_t debug_statement;                                \
             ZORVAN_S3_DEBUG_PRINT(level, "s3: %5s: %s: ", zorvan_i_s3_debug_level_names[level], \
                                   function_name);                                               \
             ZORVAN_S3_DEBUG_PRINT(level, __VA_ARGS__);                                          \

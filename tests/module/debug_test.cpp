@@ -241,6 +241,25 @@ TEST_F(DebugLog, ThreadAndTimeAreThoseOfTheCall) {
     EXPECT_LE(std::stoll(match[2]), after.tv_sec);
 }
 
+TEST_F(DebugLog, NobodyWritesBetweenAHeaderAndItsMessage) {
+    debug_value = "INFO,%s,1";
+    activate();
+    constexpr int count = 20000;
+    const auto write = [] {
+        for (int i = 0; i < count; ++i)
+            ZORVAN_S3_LOG_AS("f", ZORVAN_S3_INFO, "statement\n");
+    };
+    std::thread other(write);
+    write();
+    other.join();
+    const auto lines = raw_lines();
+    EXPECT_EQ(lines.size(), 2U * count);
+    for (const auto& line : lines) {
+        const auto id = line.substr(0, line.find(':'));
+        ASSERT_EQ(line, id + "::s3:  INFO: f: " + id + "::statement");
+    }
+}
+
 TEST_F(DebugLog, EntryAndExitOfAFunctionAreTraced) {
     activate();
     EXPECT_TRUE(logged("TRACE", "zorvan_i_s3_stat", "enter") == false);
