@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -60,9 +61,7 @@ class Program : public ::testing::Test {
 
     /// Wait until the program has said where it listens. @return the IPv4 port
     std::uint16_t wait_for_port() {
-        for (int round = 0; round < 6000 && !fs::exists(folder_ / "ports"); ++round) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        wait_for([this] { return fs::exists(folder_ / "ports"); });
         std::istringstream ports(read_file(folder_ / "ports"));
         std::string address;
         std::uint16_t port = 0;
@@ -70,13 +69,18 @@ class Program : public ::testing::Test {
         return port;
     }
 
-    /// Wait until the program has said something.
-    bool wait_for_output(const std::string& text) {
+    /// Wait a minute at most. @return whether it came true
+    static bool wait_for(const std::function<bool()>& condition) {
         for (int round = 0; round < 6000; ++round) {
-            if (output().find(text) != std::string::npos) return true;
+            if (condition()) return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         return false;
+    }
+
+    /// Wait until the program has said something.
+    bool wait_for_output(const std::string& text) {
+        return wait_for([&] { return output().find(text) != std::string::npos; });
     }
 
     void start(std::vector<std::string> arguments) {
@@ -172,6 +176,23 @@ TEST_F(Program, WritesItsPortsServesAndEnds) {
         EXPECT_NE(output().find("listening on 127.0.0.1:" + std::to_string(port)), std::string::npos)
             << output();
     }
+}
+
+// What log rotation needs: the file is moved away, and the server is told to begin a new one.
+TEST_F(Program, AHangUpBeginsTheLogFileAnew) {
+    write_config("memory", "[log]\nfile = \"log\"\n");
+    start({"--config", path("s.toml")});
+    const std::uint16_t port = wait_for_port();
+    fs::rename(folder_ / "log", folder_ / "log.1");
+    ASSERT_EQ(::kill(child_, SIGHUP), 0);
+    ASSERT_TRUE(wait_for([this] { return fs::exists(folder_ / "log"); })) << output();
+    EXPECT_EQ(ftp_test::Client(port).reply().code, 220) << "nothing else ends or begins";
+    ASSERT_EQ(::kill(child_, SIGTERM), 0);
+    EXPECT_EQ(wait(), 0);
+    EXPECT_NE(read_file(folder_ / "log.1").find("listening on"), std::string::npos);
+    EXPECT_EQ(read_file(folder_ / "log.1").find("shutting down"), std::string::npos);
+    EXPECT_NE(read_file(folder_ / "log").find("signal 15: shutting down"), std::string::npos);
+    EXPECT_EQ(output(), "") << "nothing goes to standard error";
 }
 
 // A worker that sits in a request for ever holds nobody up: no new sessions, the running ones are cut at the
