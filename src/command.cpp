@@ -17,6 +17,11 @@ void zorvan_i_s3_split_path_t::assign(const char* pathname, bool as_directory) {
     if (key && as_directory) text.push_back('/');
 }
 
+zorvan_result_t zorvan_i_s3_command_context(zorvan_i_s3_command_state_t* state,
+                                            const char* pathname) noexcept {
+    return zorvan_i_s3_bucket_context(state->s3_handle, pathname, state->path.bucket, &state->bucket_context);
+}
+
 void zorvan_i_s3_finish_command(const zorvan_i_s3_trace_t& trace, zorvan_gridftp_server_operation_t op,
                                 zorvan_result_t result, const char* path, const char* text) noexcept {
     if (path) {

@@ -11,6 +11,7 @@
 #include "s3_request.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 
 /** The handlers, one per command; each ends the operation, at once or through its worker. */
@@ -80,6 +81,24 @@ zorvan_result_t zorvan_i_s3_start_command(const char* source_file, const zorvan_
     return ZORVAN_SUCCESS;
 }
 
+/** How a command on one path begins. Constant data. */
+struct zorvan_i_s3_command_rules_t {
+    const char* source_file;
+    void* (*worker)(void*);
+    /** Whether the path names a directory, whose key ends in "/". */
+    bool as_directory;
+    /** What the error of a path without a key calls the command; null where a bucket will do. */
+    const char* needs_key;
+    /** Whether the line of a failed set-up tells the path. */
+    bool line_has_path;
+    /** Fills the bucket context. */
+    zorvan_result_t (*resolve)(zorvan_i_s3_command_state_t* state, const char* pathname);
+};
+
+/** The usual bucket context of a command's path. */
+zorvan_result_t zorvan_i_s3_command_context(zorvan_i_s3_command_state_t* state,
+                                            const char* pathname) noexcept;
+
 /**
  * Report a command's end to the host, with its log line.
  * @param path  for the line; null for the commands whose line has none
@@ -90,6 +109,29 @@ void zorvan_i_s3_finish_command(const zorvan_i_s3_trace_t& trace, zorvan_gridftp
 
 /** The outcome line of a worker. */
 void zorvan_i_s3_log_outcome(const zorvan_i_s3_trace_t& trace, zorvan_result_t result) noexcept;
+
+/** Make a command's record and start its worker; a failure of that ends the operation. */
+template <class State>
+void zorvan_i_s3_run_command(const zorvan_i_s3_trace_t& trace, const zorvan_i_s3_command_rules_t& rules,
+                             zorvan_gridftp_server_operation_t op, const char* pathname,
+                             zorvan_i_s3_handle_t* s3_handle) noexcept {
+    auto state = zorvan_i_s3_make_command<State>(op, pathname, rules.as_directory, s3_handle);
+    zorvan_result_t result = ZORVAN_SUCCESS;
+    if (!state) {
+        result = zorvan_i_s3_malloc_error();
+    } else if (rules.needs_key && !state->path.key) {
+        result = zorvan_i_s3_system_error(EINVAL, rules.needs_key);
+    } else {
+        s3_handle->current_op = op;
+        result = rules.resolve(state.get(), pathname);
+        if (result == ZORVAN_SUCCESS)
+            result = zorvan_i_s3_start_command(rules.source_file, trace, rules.worker, state);
+    }
+    if (result == ZORVAN_SUCCESS) return;
+    state.reset();
+    zorvan_i_s3_log_result(trace.function(), result);
+    zorvan_i_s3_finish_command(trace, op, result, rules.line_has_path ? pathname : nullptr, nullptr);
+}
 
 /** Record a failure with the path "bucket/key" in its texts. */
 void zorvan_i_s3_record_object_failure(zorvan_i_s3_command_state_t* state, S3Status status,

@@ -4,6 +4,7 @@
  * Flow and threads: see command.h.
  */
 #include "command.h"
+#include "upload_properties.h"
 
 #include <cstring>
 
@@ -36,19 +37,7 @@ constexpr S3ResponseHandler response_handler = {.propertiesCallback = zorvan_l_s
                                                 .completeCallback = zorvan_l_s3_mkdir_complete};
 
 void put_placeholder(const zorvan_i_s3_trace_t& trace, mkdir_state_t* state) noexcept {
-    const S3PutProperties properties{
-        .contentType = placeholder_type,
-        .md5 = nullptr,
-        .cacheControl = nullptr,
-        .contentDispositionFilename = nullptr,
-        .contentEncoding = nullptr,
-        .expires = -1,
-        .cannedAcl = S3CannedAclPrivate,
-        .metaDataCount = 0,
-        .metaData = nullptr,
-        .useServerSideEncryption = 0,
-        .putOption = state->s3_handle->put_option,
-    };
+    const S3PutProperties properties = zorvan_i_s3_object_properties(placeholder_type, *state->s3_handle);
     const S3PutObjectHandler handler{.responseHandler = response_handler,
                                      .putObjectDataCallback = zorvan_l_s3_mkdir_data_callback};
     zorvan_i_s3_with_retries(
@@ -119,6 +108,15 @@ std::array<char, 24> handle_text(zorvan_gridftp_server_operation_t op) noexcept 
     std::snprintf(text.data(), text.size(), "%p", zorvan_i_s3_pointer(op));
     return text;
 }
+
+constexpr zorvan_i_s3_command_rules_t mkdir_rules = {
+    .source_file = source_file,
+    .worker = zorvan_l_s3_mkdir_thread,
+    .as_directory = true,
+    .needs_key = nullptr,
+    .line_has_path = true,
+    .resolve = resolve_context,
+};
 }  // namespace
 
 void zorvan_i_s3_mkdir(zorvan_gridftp_server_operation_t op,
@@ -128,19 +126,5 @@ void zorvan_i_s3_mkdir(zorvan_gridftp_server_operation_t op,
     const char* const pathname = cmd_info->pathname;
     ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "mkdir: op=%s pathname=%s\n", handle_text(op).data(), pathname);
     zorvan_assert_at(s3_handle != nullptr, "s3_handle != NULL", source_file, __LINE__);
-
-    auto state = zorvan_i_s3_make_command<mkdir_state_t>(op, pathname, true, s3_handle);
-    zorvan_result_t result = ZORVAN_SUCCESS;
-    if (state) {
-        s3_handle->current_op = op;
-        result = resolve_context(state.get(), pathname);
-        if (result == ZORVAN_SUCCESS)
-            result = zorvan_i_s3_start_command(source_file, trace, zorvan_l_s3_mkdir_thread, state);
-    } else {
-        result = zorvan_i_s3_malloc_error();
-    }
-    if (result == ZORVAN_SUCCESS) return;
-    state.reset();
-    zorvan_i_s3_log_result(trace.function(), result);
-    zorvan_i_s3_finish_command(trace, op, result, pathname, nullptr);
+    zorvan_i_s3_run_command<mkdir_state_t>(trace, mkdir_rules, op, pathname, s3_handle);
 }

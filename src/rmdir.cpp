@@ -53,6 +53,15 @@ void* zorvan_l_s3_rmdir_thread(void* argument) noexcept {
     zorvan_i_s3_finish_command(trace, state->op, state->result, nullptr, nullptr);
     return nullptr;
 }
+
+constexpr zorvan_i_s3_command_rules_t rmdir_rules = {
+    .source_file = source_file,
+    .worker = zorvan_l_s3_rmdir_thread,
+    .as_directory = true,
+    .needs_key = nullptr,
+    .line_has_path = false,
+    .resolve = zorvan_i_s3_command_context,
+};
 }  // namespace
 
 void zorvan_i_s3_rmdir(zorvan_gridftp_server_operation_t op,
@@ -62,19 +71,5 @@ void zorvan_i_s3_rmdir(zorvan_gridftp_server_operation_t op,
     const char* const pathname = cmd_info->pathname;
     ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "rmdir op=%p pathname=%s\n", zorvan_i_s3_pointer(op), pathname);
     zorvan_assert_at(s3_handle != nullptr, "s3_handle != NULL", source_file, __LINE__);
-
-    auto state = zorvan_i_s3_make_command<rmdir_state_t>(op, pathname, true, s3_handle);
-    zorvan_result_t result = ZORVAN_SUCCESS;
-    if (state) {
-        s3_handle->current_op = op;
-        result = zorvan_i_s3_bucket_context(s3_handle, pathname, state->path.bucket, &state->bucket_context);
-        if (result == ZORVAN_SUCCESS)
-            result = zorvan_i_s3_start_command(source_file, trace, zorvan_l_s3_rmdir_thread, state);
-    } else {
-        result = zorvan_i_s3_malloc_error();
-    }
-    if (result == ZORVAN_SUCCESS) return;
-    state.reset();
-    zorvan_i_s3_log_result(trace.function(), result);
-    zorvan_i_s3_finish_command(trace, op, result, nullptr, nullptr);
+    zorvan_i_s3_run_command<rmdir_state_t>(trace, rmdir_rules, op, pathname, s3_handle);
 }

@@ -6,7 +6,6 @@
 #include "command.h"
 
 #include <strings.h>
-#include <cerrno>
 #include <ctime>
 
 namespace {
@@ -153,6 +152,15 @@ void* zorvan_l_s3_stage_thread(void* argument) noexcept {
     zorvan_i_s3_finish_command(trace, state->op, state->result, state->path.text.c_str(), state->reply);
     return nullptr;
 }
+
+constexpr zorvan_i_s3_command_rules_t stage_rules = {
+    .source_file = source_file,
+    .worker = zorvan_l_s3_stage_thread,
+    .as_directory = false,
+    .needs_key = "stage",
+    .line_has_path = true,
+    .resolve = zorvan_i_s3_command_context,
+};
 }  // namespace
 
 void zorvan_i_s3_stage(zorvan_gridftp_server_operation_t op,
@@ -162,21 +170,5 @@ void zorvan_i_s3_stage(zorvan_gridftp_server_operation_t op,
     const char* const pathname = cmd_info->pathname;
     ZORVAN_S3_LOG(trace, ZORVAN_S3_INFO, "stage: op=%p pathname=%s\n", zorvan_i_s3_pointer(op), pathname);
     zorvan_assert_at(s3_handle != nullptr, "s3_handle != NULL", source_file, __LINE__);
-
-    auto state = zorvan_i_s3_make_command<stage_state_t>(op, pathname, false, s3_handle);
-    zorvan_result_t result = ZORVAN_SUCCESS;
-    if (!state) {
-        result = zorvan_i_s3_malloc_error();
-    } else if (!state->path.key) {
-        result = zorvan_i_s3_system_error(EINVAL, "stage");
-    } else {
-        s3_handle->current_op = op;
-        result = zorvan_i_s3_bucket_context(s3_handle, pathname, state->path.bucket, &state->bucket_context);
-        if (result == ZORVAN_SUCCESS)
-            result = zorvan_i_s3_start_command(source_file, trace, zorvan_l_s3_stage_thread, state);
-    }
-    if (result == ZORVAN_SUCCESS) return;
-    state.reset();
-    zorvan_i_s3_log_result(trace.function(), result);
-    zorvan_i_s3_finish_command(trace, op, result, pathname, nullptr);
+    zorvan_i_s3_run_command<stage_state_t>(trace, stage_rules, op, pathname, s3_handle);
 }

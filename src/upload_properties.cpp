@@ -1,13 +1,30 @@
 /*
- * The properties of an uploaded object, built the same way for single and multipart uploads.
+ * The properties of a new object, built the same way for single and multipart uploads.
  *
- * Runs on the upload's worker.
+ * Runs on a worker.
  */
 #include "upload_properties.h"
 
 #include <strings.h>
 #include <cstdio>
 #include <cstring>
+
+S3PutProperties zorvan_i_s3_object_properties(const char* content_type,
+                                              const zorvan_i_s3_handle_t& s3_handle) noexcept {
+    return {
+        .contentType = content_type,
+        .md5 = nullptr,
+        .cacheControl = nullptr,
+        .contentDispositionFilename = nullptr,
+        .contentEncoding = nullptr,
+        .expires = -1,
+        .cannedAcl = S3CannedAclPrivate,
+        .metaDataCount = 0,
+        .metaData = nullptr,
+        .useServerSideEncryption = 0,
+        .putOption = s3_handle.put_option,
+    };
+}
 
 void zorvan_i_s3_upload_properties_t::add(const char* name, const char* value) noexcept {
     metadata_[properties_.metaDataCount] = {.name = name, .value = value};
@@ -19,19 +36,8 @@ zorvan_result_t zorvan_i_s3_upload_properties_t::build(
     const char* key, const zorvan_gridftp_server_transfer_info_t& transfer_info,
     const zorvan_i_s3_handle_t& s3_handle) noexcept {
     /* The client's digest travels as metadata alone: a request's own MD5 stays empty. */
-    properties_ = {
-        .contentType = zorvan_i_s3_mime_type_of_key(key),
-        .md5 = nullptr,
-        .cacheControl = nullptr,
-        .contentDispositionFilename = nullptr,
-        .contentEncoding = nullptr,
-        .expires = -1,
-        .cannedAcl = S3CannedAclPrivate,
-        .metaDataCount = 0,
-        .metaData = metadata_,
-        .useServerSideEncryption = 0,
-        .putOption = s3_handle.put_option,
-    };
+    properties_ = zorvan_i_s3_object_properties(zorvan_i_s3_mime_type_of_key(key), s3_handle);
+    properties_.metaData = metadata_;
 
     int64_t modified = -1;
     if (zorvan_gridftp_server_get_recv_modification_time(op, &modified) == ZORVAN_SUCCESS && modified != -1) {

@@ -1,13 +1,17 @@
 /*
- * What an upload says of its object: content type and metadata.
+ * What a new object is stored with: content type and metadata.
  *
- * Threads: made and used by the upload's worker. Ownership: the properties point into the record, which must
+ * Threads: made and used by a worker. Ownership: the properties point into the record, which must
  * neither move nor end before the request that uses them.
  */
 #ifndef ZORVAN_S3_UPLOAD_PROPERTIES_H
 #define ZORVAN_S3_UPLOAD_PROPERTIES_H
 
 #include "s3_request.h"
+
+/** The properties that every new object has, without metadata. @param content_type  borrowed, may be null */
+S3PutProperties zorvan_i_s3_object_properties(const char* content_type,
+                                              const zorvan_i_s3_handle_t& s3_handle) noexcept;
 
 class zorvan_i_s3_upload_properties_t {
   public:
