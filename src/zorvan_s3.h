@@ -262,8 +262,9 @@ zorvan_result_t zorvan_i_s3_checksum_init(zorvan_i_s3_checksum_t** checksum) noe
 zorvan_result_t zorvan_i_s3_checksum_update(zorvan_i_s3_checksum_t* checksum, const void* bytes,
                                             size_t length) noexcept;
 /** Feed the same bytes to two contexts, for little more than the time of one. */
-zorvan_result_t zorvan_i_s3_checksum_update_both(zorvan_i_s3_checksum_t* first, zorvan_i_s3_checksum_t* second,
-                                                 const void* bytes, size_t length) noexcept;
+zorvan_result_t zorvan_i_s3_checksum_update_both(zorvan_i_s3_checksum_t* first,
+                                                 zorvan_i_s3_checksum_t* second, const void* bytes,
+                                                 size_t length) noexcept;
 zorvan_result_t zorvan_i_s3_checksum_finalize(zorvan_i_s3_checksum_t* checksum) noexcept;
 void zorvan_i_s3_checksum_free(zorvan_i_s3_checksum_t** checksum) noexcept;
 
