@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "command_fixture.h"
+#include "notices.h"
 
 using namespace module_test;
 
@@ -243,17 +244,25 @@ TEST_F(Command, RenameOntoItselfIsToldWithoutASession) {
 
 using CommandDeathTest = Command;
 
-TEST_F(CommandDeathTest, NullSessionIsAnAssertion) {
-    const auto die = [&](int code, const char* from) {
+TEST_F(CommandDeathTest, NullSessionIsAnAssertionAfterTheEntrysLine) {
+    const auto die = [&](int code, const char* from, const std::string& line) {
         Operation op;
         const zorvan_gridftp_server_command_info_t info{code, "/b/k", 0, -1, "md5", from};
-        EXPECT_DEATH(iface->command(&op, &info, nullptr),
-                     "Assertion s3_handle != NULL failed in file " + source_of(code) + " at line [0-9]+\n");
+        EXPECT_DEATH(
+            {
+                tell_notices_on_standard_error();
+                iface->command(&op, &info, nullptr);
+            },
+            line + "[^\n]*\nAssertion s3_handle != NULL failed in file " + source_of(code) +
+                " at line [0-9]+\n");
         op.finishes.emplace_back();
     };
-    for (const int code : {mkd, rmd, dele, cksm, stage})
-        die(code, nullptr);
-    die(rnto, "/b/other");
+    die(mkd, nullptr, "mkdir: op=");
+    die(rmd, nullptr, "rmdir op=");
+    die(dele, nullptr, "delete: op=");
+    die(cksm, nullptr, "checksum: op=");
+    die(stage, nullptr, "stage: op=");
+    die(rnto, "/b/other", "rename: op=");
 }
 
 TEST_F(CommandDeathTest, ChecksumWithoutPathOrAlgorithm) {
@@ -264,6 +273,8 @@ TEST_F(CommandDeathTest, ChecksumWithoutPathOrAlgorithm) {
     const zorvan_gridftp_server_command_info_t no_algorithm{cksm, "/b/k", 0, -1, nullptr, nullptr};
     EXPECT_DEATH(iface->command(&op, &no_algorithm, session),
                  "Assertion cmd_info->cksm_alg != NULL failed in file checksum at line [0-9]+\n");
+    const zorvan_gridftp_server_command_info_t neither{cksm, nullptr, 0, -1, nullptr, nullptr};
+    EXPECT_DEATH(iface->command(&op, &neither, session), "Assertion cmd_info->pathname != NULL failed");
     op.finishes.emplace_back();
 }
 

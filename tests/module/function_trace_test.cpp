@@ -1,4 +1,8 @@
-// That the functions of commands, stats and downloads tell in the log when they begin and how they end.
+// What the log tells in which order: functions begin and end in it, and an outcome stands in it before the
+// host has it.
+#include <functional>
+#include <sstream>
+
 #include "command_fixture.h"
 
 using namespace module_test;
@@ -123,6 +127,70 @@ TEST_F(FunctionTrace, Downloads) {
     });
     expect_told({{"zorvan_l_s3_send_data", "exit status=1: InternalError"},
                  {"zorvan_l_s3_send_pending_buffers", "exit: 1"}});
+}
+
+// Successful, refused before there is a worker, and refused by the store.
+TEST_F(FunctionTrace, AnOutcomeIsToldBeforeTheHostHasItAndThenOnlyTheWayOut) {
+    struct Case {
+        std::string name;  ///< of the functions, without what all have in common
+        std::string area;
+        S3Kind kind;
+        std::function<void(Operation&)> call;
+    };
+    const std::vector<Case> cases = {
+        {"mkdir", "s3", S3Kind::put_object, [&](Operation& op) { call_command(op, mkd, "/b/d"); }},
+        {"rmdir", "s3", S3Kind::delete_object, [&](Operation& op) { call_command(op, rmd, "/b/d"); }},
+        {"delete", "s3", S3Kind::delete_object, [&](Operation& op) { call_command(op, dele, "/b/x"); }},
+        {"rename", "s3", S3Kind::copy_object, [&](Operation& op) { call_command(op, rnto, "/b/y", "/b/x"); }},
+        {"checksum", "s3", S3Kind::head_object,
+         [&](Operation& op) { call_command(op, cksm, "/b/k", {}, "md5"); }},
+        {"stage", "s3", S3Kind::head_object,
+         [&](Operation& op) { call_command(op, module_test::stage, "/b/k"); }},
+        {"stat", "s3", S3Kind::head_object, [&](Operation& op) { call_stat(op, "/b/k", true); }},
+        {"send", "s3", S3Kind::get_object, [&](Operation& op) { call_send(op, "/b/empty"); }},
+        {"recv_multipart", "s3", S3Kind::list_uploads,
+         [&](Operation& op) { call_recv_multipart(op, "/b/k", 0, 0, 4, false); }},
+        {"start", "ceph", S3Kind::user_info, [&](Operation& op) { start(op); }},
+    };
+    enum class How { succeeds, has_no_worker, is_refused };
+    for (const auto& each : cases) {
+        for (const auto how : {How::succeeds, How::has_no_worker, How::is_refused}) {
+            SCOPED_TRACE(each.name + " " + std::to_string(static_cast<int>(how)));
+            s3_object("b", "k", "data");
+            s3_object("b", "x", "data");
+            s3_object("b", "empty", "");
+            if (how == How::has_no_worker) fail_next_thread(11);
+            if (how == How::is_refused) {
+                const int next = static_cast<int>(s3_calls(each.kind).size()) + 1;
+                s3_fail(each.kind, next, S3StatusErrorAccessDenied);
+            }
+            std::string before;
+            Operation op;
+            op.concurrency = 0;
+            op.on_finished = [&] { before = log_text(); };
+            set_thread_mode(ThreadMode::deferred);
+            each.call(op);
+            run_deferred_threads();
+            set_thread_mode(ThreadMode::real);
+            ASSERT_TRUE(op.wait_finished());
+            std::istringstream later(log_text().substr(before.size()));
+            iface->session_destroy(op.finish().session_handle);
+            op.close();
+
+            EXPECT_EQ(op.finish().error.present, how != How::succeeds);
+            const bool entry = how == How::has_no_worker;
+            const auto outcome = how == How::succeeds ? "result=ZORVAN_SUCCESS\n"
+                                                      : "result=" + result_text(op.finish().result) +
+                                                            " message=" + op.finish().error.friendly + "\n";
+            const auto function = "zorvan_" + std::string(entry ? "i_" : "l_") + each.area + "_" + each.name;
+            const auto line = (entry ? "s3: ERROR: " + function : "s3:  INFO: " + function + "_thread");
+            EXPECT_NE(before.find(line + ": " + outcome), std::string::npos) << before;
+            for (std::string told; std::getline(later, told);)
+                EXPECT_TRUE(told.starts_with("s3: TRACE: ") &&
+                            (told.ends_with(": enter") || told.find(": exit") != std::string::npos))
+                    << told;
+        }
+    }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "module_fixture.h"
+#include "notices.h"
 
 using namespace module_test;
 
@@ -57,8 +58,11 @@ TEST_F(ModuleBase, InterfaceTableHasItsSlots) {
 TEST_F(ModuleBase, DeactivationTakesTheTableOutAndShutsTheClientDown) {
     activate();
     EXPECT_EQ(trace_count("S3_deinitialize"), 0);
+    std::string before;
+    at_each_call([&](std::string_view) { before = log_text(); });
     deactivate();
     EXPECT_EQ(trace_count("S3_deinitialize"), 1);
+    EXPECT_TRUE(before.ends_with("zorvan_l_s3_base_deactivate: enter\n")) << "success is told when it is one";
     zorvan_extension_handle_t handle = nullptr;
     EXPECT_EQ(zorvan_extension_registry_lookup(&handle, &zorvan_i_gfs_dsi_registry, "ceph"), nullptr);
 }

@@ -131,6 +131,62 @@ TEST_F(ReceiveQueue, LinesOfATake) {
     op.finishes.emplace_back();
 }
 
+TEST_F(ReceiveQueue, LinesOfARegistration) {
+    Operation op;
+    op.hold();
+    zorvan_i_s3_receive_t state;
+    auto own = rules();
+    own.read_callback = [](zorvan_gridftp_server_operation_t, zorvan_result_t, unsigned char* data, size_t,
+                           zorvan_off_t, int, void* argument) {
+        auto* const core = static_cast<zorvan_i_s3_receive_t*>(argument);
+        const std::lock_guard lock(core->mutex);
+        zorvan_i_s3_buffer_release(&core->pool, core->registered.take(data));
+    };
+    state.rules = &own;
+    state.op = &op;
+    state.pool.op = &op;
+    EXPECT_EQ(zorvan_i_s3_receive_register_reads(&state), ZORVAN_SUCCESS);
+    std::vector<std::string> told;
+    for (const auto& line : log_lines())
+        if (line.function == "r") told.push_back(line.level + " " + line.message);
+    ASSERT_EQ(told.size(), 6u);
+    for (const size_t i : {3u, 4u})
+        EXPECT_EQ(told[i].find_first_not_of("0123456789abcdef", told[i].find("=0x") + 3), std::string::npos)
+            << told[i];
+    told[3].resize(told[3].find("=0x"));
+    told[4].resize(told[4].find("=0x"));
+    EXPECT_EQ(told, (std::vector<std::string>{
+                        "TRACE enter", "TRACE Currently 0 blocks registered, 0 blocks pending",
+                        "TRACE Optimal is 2 blocks", "TRACE Registering read with s3_buffer",
+                        "TRACE Registering read with s3_buffer", "TRACE exit"}));
+    op.finishes.emplace_back();
+    op.close();
+    EXPECT_TRUE(state.registered.empty());
+}
+
+TEST_F(ReceiveQueue, ABufferThatBringsNothingIsFreeAgain) {
+    Operation op;
+    for (const bool failed : {false, true}) {
+        zorvan_i_s3_receive_t state;
+        const auto own = rules();
+        state.rules = &own;
+        state.op = &op;
+        state.size_limit = 100;
+        if (failed) state.result = zorvan_i_s3_system_error(27, "write");
+        auto* const made = buffer(-1, 0);
+        state.registered.push(made);
+        zorvan_i_s3_receive_read_completed(&state, ZORVAN_SUCCESS, made->data(), failed ? 7 : 0, 5, 0);
+        EXPECT_TRUE(state.registered.empty());
+        EXPECT_TRUE(state.pending.empty());
+        EXPECT_EQ(state.pool.free_list, made);
+        EXPECT_EQ(made->offset, failed ? 0 : -1);
+        EXPECT_EQ(made->buffer_used, 0u);
+        EXPECT_EQ(state.eof, failed);
+        state.clear_outcome();
+    }
+    op.finishes.emplace_back();
+}
+
 TEST_F(ReceiveQueue, PropertiesAreRefusedWhenTheTransferHasFailed) {
     zorvan_i_s3_receive_t state;
     EXPECT_EQ(zorvan_i_s3_receive_properties("f", &state), S3StatusOK);

@@ -1,4 +1,8 @@
 // Uploads in parts: the requests, their order, the commit, the checksums, the log.
+#include <functional>
+#include <map>
+
+#include "notices.h"
 #include "recv_multipart_fixture.h"
 
 using namespace module_test;
@@ -709,6 +713,21 @@ TEST_F(RecvMultipart, LogOfAnUpload) {
     const auto log = log_text();
     EXPECT_LT(log.find("Registering read "), log.find("Waiting for current offset 0 "));
     EXPECT_TRUE(logged("INFO", thread, "result=ZORVAN_SUCCESS"));
+}
+
+TEST_F(RecvMultipart, WhatTheHostIsToldStandsInTheLogBefore) {
+    Operation op;
+    const auto handle = pointer_text(&op);
+    std::map<std::string, std::string, std::less<>> before;
+    at_each_call([&](std::string_view call) {
+        if (call == "begin_transfer" || call == "update_range_recvd")
+            before.try_emplace(std::string(call), log_text());
+    });
+    upload(op, bytes(150));
+    trace_reset();
+    EXPECT_NE(before["begin_transfer"].find("begin_transfer: op=" + handle), std::string::npos);
+    EXPECT_NE(before["update_range_recvd"].find("restart_marker: op=" + handle + " offset=0 length=100\n"),
+              std::string::npos);
 }
 
 TEST_F(RecvMultipart, LineOfAReadHasNoEnd) {

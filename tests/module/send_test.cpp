@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <climits>
 
+#include "notices.h"
 #include "send_fixture.h"
 
 using namespace module_test;
@@ -428,6 +429,9 @@ TEST_F(Send, FailedThreadEndsWithFinishedCommand) {
     expect_generic(op.finish().error, "send", "zorvan_thread_create");
     EXPECT_TRUE(logged("ERROR", "zorvan_i_s3_send",
                        "result=" + result_text(op.finish().result) + " message=zorvan_thread_create"));
+    EXPECT_TRUE(
+        logged("INFO", "zorvan_i_s3_send",
+               "finished_command: op=" + pointer_text(&op) + " result=" + result_text(op.finish().result)));
     EXPECT_EQ(op.begin_transfers, 0);
     op.close();
 }
@@ -539,11 +543,15 @@ TEST_F(Send, ManyDownloadsAtOnce) {
 
 using SendDeathTest = Send;
 
-TEST_F(SendDeathTest, NullSessionIsAnAssertion) {
+TEST_F(SendDeathTest, NullSessionIsAnAssertionBeforeAnyNotice) {
     Operation op;
     const zorvan_gridftp_server_transfer_info_t info{"/b/k", 0, 0, nullptr, nullptr, 1};
-    EXPECT_DEATH(iface->send(&op, &info, nullptr),
-                 "Assertion s3_handle != NULL failed in file send at line [0-9]+\n");
+    EXPECT_DEATH(
+        {
+            tell_notices_on_standard_error();
+            iface->send(&op, &info, nullptr);
+        },
+        "^Assertion s3_handle != NULL failed in file send at line [0-9]+\n");
     op.finishes.emplace_back();
 }
 

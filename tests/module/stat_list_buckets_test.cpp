@@ -116,6 +116,13 @@ TEST_F(ListBuckets, KnownBucketsAreAddedBehindTheListing) {
     EXPECT_TRUE(logged("DEBUG", "Inserting bucket |known|"));
 }
 
+TEST_F(ListBuckets, RootIsLookedUpAsABucketWithoutAName) {
+    add_pair("known");
+    stat("/", false);
+    EXPECT_TRUE(
+        logged("DEBUG", "zorvan_i_s3_get_key_pair", "Checking keypair known only/this 1 for bucket  : /"));
+}
+
 TEST_F(ListBuckets, KnownBucketThatWasListedIsNotAddedTwice) {
     s3_script(S3Kind::list_service, service({{"seen", 5}}));
     add_pair("seen");
@@ -155,6 +162,8 @@ TEST_F(ListBuckets, OtherFailureShowsTheKnownBucketsToo) {
     EXPECT_EQ(names(*op), (std::vector<std::string>{".", "x"}));
     EXPECT_TRUE(
         logged("DEBUG", "zorvan_l_s3_stat_complete", "S3 Status is an error 1, but result is successful"));
+    EXPECT_LT(log_text().find("S3 Status is an error 1"), log_text().find("zorvan_i_S3Error_to_error: enter"))
+        << "it is told, then recorded";
     expect_notice(1);
 }
 

@@ -144,6 +144,7 @@ TEST_F(StatObjects, PlaceholderIsADirectory) {
     EXPECT_EQ(head_keys(), (std::vector<Text>{"dir", "dir/"}));
     EXPECT_TRUE(s3_calls(S3Kind::list_bucket).empty());
     EXPECT_TRUE(logged("DEBUG", "trying to use the aws key AK-alice for b dir/")) << log_text();
+    EXPECT_LT(log_text().find("trying to use the aws key"), log_text().find("key=dir/) try=0"));
 }
 
 TEST_F(StatObjects, ObjectsBelowMakeADirectory) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "notices.h"
 #include "stat.h"
 #include "stat_fixture.h"
 
@@ -150,10 +151,15 @@ TEST_F(Stat, SecretOrTokenDecidesForTheServiceListing) {
 
 TEST_F(Stat, Exactly32EntriesArePartialAndTheFinalCallIsEmpty) {
     fill("b", 31);
+    std::string before;
+    at_each_call([&](std::string_view call) {
+        if (call == "finished_stat_partial") before = log_text();
+    });
     auto op = stat("/b", false);
     EXPECT_EQ(op->entries.size(), 32u);
     EXPECT_EQ(op->partial_batches, std::vector<int>{32});
     EXPECT_EQ(op->last_batch, 0);
+    EXPECT_TRUE(before.ends_with("calling finished_stat_partial stat_count=32\n"));
     EXPECT_EQ(op->finish().result, ZORVAN_SUCCESS);
     EXPECT_TRUE(logged("DEBUG", "zorvan_i_s3_stat_add", "calling finished_stat_partial stat_count=32"));
     EXPECT_TRUE(logged("DEBUG", "zorvan_l_s3_stat_thread", "Finished stat. Count is 0"));
@@ -377,11 +383,15 @@ TEST_F(StatDeathTest, NullStatInfoIsAnAssertion) {
     op.finishes.emplace_back();
 }
 
-TEST_F(StatDeathTest, NullSessionIsAnAssertion) {
+TEST_F(StatDeathTest, NullSessionIsAnAssertionBeforeAnyNotice) {
     Operation op;
     const zorvan_gridftp_server_stat_info_t info{"/", 1};
-    EXPECT_DEATH(iface->stat(&op, &info, nullptr),
-                 "Assertion s3_handle != NULL failed in file stat at line [0-9]+\n");
+    EXPECT_DEATH(
+        {
+            tell_notices_on_standard_error();
+            iface->stat(&op, &info, nullptr);
+        },
+        "^Assertion s3_handle != NULL failed in file stat at line [0-9]+\n");
     op.finishes.emplace_back();
 }
 
