@@ -283,6 +283,26 @@ TEST_F(ConfigParse, MissingFileNamesItAndTheErrno) {
     EXPECT_EQ(host_config_string_queries(), 1);
 }
 
+TEST_F(ConfigParse, MissingFileWithoutMemoryForItsNameIsTheMallocError) {
+    host_set_config_string(path_of("absent.conf"));
+    int without_name = 0;
+    for (long nth = 1; nth < 20; ++nth) {
+        fail_allocation(nth);
+        zorvan_result_t result = ZORVAN_SUCCESS;
+        {
+            const InModule inside;
+            result = zorvan_module_activate(&zorvan_gridftp_server_ceph_module);
+        }
+        const bool failed = allocation_failed();
+        fail_allocation(0);
+        const auto error = view_result(result);
+        release_result(result);
+        without_name += error.text == "System error in malloc";
+        if (!failed) break;
+    }
+    EXPECT_GE(without_name, 1);
+}
+
 TEST_F(ConfigParse, WithoutAHostStringTheDefaultPathIsUsed) {
     setenv("ZORVAN_PREFIX", path_of("nowhere").c_str(), 1);
     char* expected = nullptr;

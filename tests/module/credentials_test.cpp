@@ -149,6 +149,33 @@ TEST_F(Credentials, CommandsWithStaleCredentialsEndAtOnce) {
     session->refresh_credentials = nullptr;
 }
 
+zorvan_gridftp_server_operation_t current_at_renewal = nullptr;
+
+TEST_F(Credentials, OperationIsTheSessionsCurrentOneWhenTheyAreRenewed) {
+    switch_log_off();
+    session->refresh_credentials = [](zorvan_i_s3_handle_t* s3_handle) {
+        current_at_renewal = s3_handle->current_op;
+        return refuse_renewal(s3_handle);
+    };
+    for (const int code : {mkd, rmd, dele, rnto, cksm, module_test::stage}) {
+        SCOPED_TRACE(code);
+        session->current_op = nullptr;
+        const auto op = command(code, "/b/k", code == rnto ? Text("/b/a") : std::nullopt, "md5");
+        EXPECT_EQ(current_at_renewal, op.get());
+    }
+    const auto expect_current = [&](const auto& call) {
+        Operation op;
+        session->current_op = nullptr;
+        call(op);
+        EXPECT_EQ(current_at_renewal, &op);
+        op.close();
+    };
+    expect_current([&](Operation& op) { call_stat(op, "/b/k", true); });
+    expect_current([&](Operation& op) { call_send(op, "/b/k"); });
+    expect_current([&](Operation& op) { call_recv(op, "/b/k", 1); });
+    session->refresh_credentials = nullptr;
+}
+
 TEST_F(Credentials, BucketToBeMadeHasNoContextYet) {
     session->refresh_credentials = refuse_renewal;
     renewals = 0;

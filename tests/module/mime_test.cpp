@@ -95,6 +95,12 @@ TEST_F(Mime, CommentCutsInsideALine) {
     EXPECT_EQ(type_of("conf"), "(none)");
 }
 
+TEST_F(Mime, AnyOtherCharacterIsPartOfTheExtension) {
+    parse("text/x-odd ~a~b~ .dotted ;,= %s\n");
+    for (const auto* extension : {"~a~b~", ".dotted", ";,=", "%s"})
+        EXPECT_EQ(type_of(extension), "text/x-odd") << extension;
+}
+
 TEST_F(Mime, LongTypesAreKeptWhole) {
     const std::string type = "application/" + std::string(150, 't');
     parse(type + " ext\n");

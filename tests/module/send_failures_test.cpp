@@ -240,6 +240,7 @@ TEST_F(Send, LevelsOfTheLines) {
     s3_object("b", "dir/f", bytes(300));
     expect_levels({{ZORVAN_S3_INFO, "send: op="},
                    {ZORVAN_S3_INFO, "REST: op="},
+                   {ZORVAN_S3_INFO, "zorvan_l_s3_send_thread: result=ZORVAN_SUCCESS\n"},
                    {ZORVAN_S3_INFO, "finished_transfer: op="},
                    {ZORVAN_S3_DEBUG, "S3_get_object: op="},
                    {ZORVAN_S3_DEBUG, "Currently "},
@@ -443,6 +444,25 @@ TEST_F(Send, WorkerStaysUntilEveryBufferIsBack) {
     finish(op);
     EXPECT_EQ(op.finish().error.text, "write refused");
     EXPECT_GE(back, 3) << "the last one may be on its way out";
+}
+
+TEST_F(Send, EndsWhenTheLastWriteIsBack) {
+    s3_object("b", "dir/f", bytes(100));
+    Operation op;
+    op.hold();
+    call_send(op, "/b/dir/f");
+    ASSERT_TRUE(op.wait_outstanding(2));
+    // The worker has the mutex when it asks, and a callback waits for it: what comes first is the worker's
+    // wait.
+    while (trace_count("get_read_range") < 2)
+        std::this_thread::yield();
+    op.grant(1);
+    ASSERT_TRUE(op.wait_delivered(1));
+    EXPECT_EQ(trace_count("finished_transfer"), 0) << "one write is still on its way";
+    op.release();
+    finish(op);
+    expect_success(op);
+    EXPECT_EQ(op.finish_at_callback, 2);
 }
 
 TEST_F(Send, NothingIsRegisteredAfterTheEnd) {
