@@ -50,20 +50,23 @@ void data_channel::interrupt_on_strand() noexcept {
 }
 
 // One timer for the whole transfer, looked at when it fires, instead of one armed for every read.
-void data_channel::arm_watch() {
+void data_channel::arm_watch() noexcept {
     watch_armed_ = true;
     watch_.expires_at((waiting_ ? waiting_since_ : std::chrono::steady_clock::now()) + config_.data_stall);
-    watch_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
-        if (error || watch_stopped_) {
-            return;
-        }
-        if (waiting_ && std::chrono::steady_clock::now() - waiting_since_ >= config_.data_stall) {
-            stalled_ = true;
-            reset_connections();
-            op_.event().notify();
-            return;
-        }
-        arm_watch();
+    // A transfer must not go on unwatched because there is no memory just now.
+    run_until_memory([this] {
+        watch_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
+            if (error || watch_stopped_) {
+                return;
+            }
+            if (waiting_ && std::chrono::steady_clock::now() - waiting_since_ >= config_.data_stall) {
+                stalled_ = true;
+                reset_connections();
+                op_.event().notify();
+                return;
+            }
+            arm_watch();
+        });
     });
 }
 

@@ -51,7 +51,7 @@ class data_channel : public transfer_channel {
     bool aborted_ = false;
 
   private:
-    void arm_watch();
+    void arm_watch() noexcept;
 
     asio::steady_timer watch_;
     bool watch_armed_ = false;

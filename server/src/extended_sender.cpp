@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <boost/asio/co_spawn.hpp>
+#include <new>
 #include <utility>
 
 #include "transfer_errors.h"
@@ -99,8 +100,7 @@ task<bool> extended_sender::write(lane& with, const block_header& header, const 
     std::array<asio::const_buffer, 2> buffers{
         asio::buffer(head), asio::const_buffer(data, static_cast<std::size_t>(header.count))};
     std::span<asio::const_buffer> left(buffers);
-    with.writing = true;
-    ++writing_;
+    const writing_scope scope(*this, with);
     bool good = true;
     while (good && !left.empty()) {
         waiting_for_client();
@@ -114,10 +114,6 @@ task<bool> extended_sender::write(lane& with, const block_header& header, const 
         if (!left.empty()) {
             left.front() += done;
         }
-    }
-    with.writing = false;
-    if (--writing_ == 0) {
-        waited();
     }
     co_return good;
 }
@@ -151,12 +147,20 @@ task<void> extended_sender::serve(lane& with) {
         }
         const block_header header{0, next->length, static_cast<std::uint64_t>(next->offset) - shift_};
         bool good = true;
-        if (next->length > 0) {
-            good = co_await write(with, header, next->buffer);
+        // The request is in no queue any more: whatever happens, it is called back here.
+        try {
+            if (next->length > 0) {
+                good = co_await write(with, header, next->buffer);
+            }
+            if (!good) {
+                note_broken();
+            }
+        } catch (const std::bad_alloc&) {
+            good = false;
+            operation::guard held(op_);
+            op_.fail_channel_locked(operation_error::out_of_memory());
         }
-        if (!good) {
-            note_broken();
-        } else {
+        if (good) {
             bytes_ += next->length;
         }
         operation::guard held(op_);

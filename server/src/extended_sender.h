@@ -37,6 +37,26 @@ class extended_sender final : public data_channel {
         async_event turn;
         bool writing = false;
     };
+    /// The time of one write, however it ends.
+    class writing_scope {
+      public:
+        writing_scope(extended_sender& sender, lane& with) : sender_(sender), with_(with) {
+            with_.writing = true;
+            ++sender_.writing_;
+        }
+        writing_scope(const writing_scope&) = delete;
+        writing_scope& operator=(const writing_scope&) = delete;
+        ~writing_scope() {
+            with_.writing = false;
+            if (--sender_.writing_ == 0) {
+                sender_.waited();
+            }
+        }
+
+      private:
+        extended_sender& sender_;
+        lane& with_;
+    };
 
     step next_step();
     void fail_queue_locked();

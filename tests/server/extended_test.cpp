@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <new>
 #include <random>
 
 #include "block_codec.h"
@@ -40,6 +41,7 @@ class watched_connector final : public data_connector {
 
     std::atomic<std::size_t> accepted{0};
     std::atomic<std::size_t> receive_sizes_set{0};
+    std::atomic<int> writes_without_memory{0};
     std::atomic<std::size_t> smallest_receive_size{~std::size_t{0}};
 
   private:
@@ -49,6 +51,10 @@ class watched_connector final : public data_connector {
             : inner_(std::move(inner)), owner_(owner) {}
         task<io_result> read_some(asio::mutable_buffer buffer) override { return inner_->read_some(buffer); }
         task<io_result> write_some(std::span<const asio::const_buffer> buffers) override {
+            if (owner_.writes_without_memory > 0) {
+                --owner_.writes_without_memory;
+                throw std::bad_alloc();
+            }
             return inner_->write_some(buffers);
         }
         task<boost::system::error_code> shutdown() override { return inner_->shutdown(); }
@@ -443,6 +449,27 @@ TEST_F(extended, a_back_end_that_is_content_early_is_not_believed) {
     const auto result = result_of(std::move(outcome));
     ASSERT_TRUE(result.error);
     EXPECT_EQ(result.error->ftp_code, 451);
+}
+
+TEST_F(extended, a_write_without_memory_ends_the_download_and_calls_all_back) {
+    log_in();
+    recorder writes;
+    the_script().send = [&](op_handle op, auto) {
+        zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+        for (std::int64_t at = 0; at < 8; ++at) {
+            (void)writes.write(op, pattern(4096), at * 4096);
+        }
+        (void)writes.wait(writes.accepted());
+        zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+    };
+    listener->writes_without_memory = 1;
+    connect(2);
+    const auto result = result_of(start(session->send({"/bucket/file", {{}}, 2}, *listener, progress)));
+    progress.over = true;
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->errno_value, ENOMEM);
+    EXPECT_EQ(listener->writes_without_memory, 0);
+    settle_threads();
 }
 
 TEST_F(extended, the_concurrency_is_above_the_number_of_connections) {
