@@ -16,6 +16,9 @@ packages_rgw=(radosgw ceph-mon ceph-osd)
 packages_bench=(s3fs rclone vsftpd python3-pyftpdlib fuse3 git)
 packages_lint=(clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev)
 
+# What tools/coverage.sh needs beside build.
+packages_coverage=(gcovr)
+
 # ensure_packages GROUP...: installs what is missing of the groups; needs root or sudo only when something is missing.
 # Prints what it installs; status 1, and the end of apt's output, when that fails.
 ensure_packages() {

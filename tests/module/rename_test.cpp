@@ -53,6 +53,8 @@ TEST_F(Rename, SamePlaceSpeltOtherwiseIsAnotherPath) {
 TEST_F(Rename, PathsWithoutAKeyAreRefused) {
     auto from = command(rnto, "/b/y", "/b");
     expect_generic(from->finish().error, "rename", "Invalid source filename");
+    auto none = command(rnto, "/b/y", std::nullopt);
+    expect_generic(none->finish().error, "rename", "Invalid source filename");
     auto to = command(rnto, "/b", "/b/y");
     expect_generic(to->finish().error, "rename", "Invalid destination filename");
     EXPECT_TRUE(s3_calls(S3Kind::copy_object).empty());
