@@ -3,6 +3,8 @@
 
 Makes one small change at a time to a source of src/, builds the module tests and runs them. A change that some
 test notices is caught; one that none does has survived, and is either without effect or a rule without a test.
+With --sanitize, what survives is built once more with the address and undefined-behaviour sanitizers, as every
+run of the tests in test.sh is: memory that is lost or used too late is noticed there.
 Run by hand, for minutes or hours; nothing of it runs in CI.
 
     tests/mutation/mutate.py --count 100            # the first 100 changes of seed 1
@@ -41,6 +43,7 @@ LIKELY = {
     "command": "Command*:Steps*:Mkdir*:Delete*",
     "config_parse": "ConfigParse*:Policy*:ModuleBase*",
     "delete": "Delete*:Steps*:Command*",
+    "md5_pair": "Md5Pair*:RecvMultipart.*",
     "md5sum_encode": "Md5Encode*:Checksum*",
     "mime_types": "Mime*:RecvSingle*",
     "mkdir": "Mkdir*:Steps*",
@@ -185,9 +188,17 @@ def statements_of(tokens, inside, around):
 
 
 def may_depend(one, two):
-    """Whether the order of two statements can matter: two plain assignments of different things go either way."""
-    targets = [re.split(r"[^=!<>+-]=[^=]", statement)[0].strip("*&;+- ") for statement in (one, two)]
-    return one != two and ("(" in one + two or targets[0] in two or targets[1] in one)
+    """Whether the order of two statements can matter. It does not of two plain assignments of different things, of two
+    that are freed, and of a line of the log and a plain assignment of what it does not tell."""
+    targets = [re.sub(r"^std::free\(|\);?$", "", re.split(r"[^=!<>+-]=[^=]", statement)[0]).strip("*&;+- ")
+               for statement in (one, two)]  # fmt: skip
+    if one == two or targets[0] in two or targets[1] in one:
+        return one != two
+    calls = [statement for statement in (one, two) if "(" in statement]
+    jumps = any(target in ("break", "continue") for target in targets)
+    frees = all(statement.startswith("std::free(") for statement in (one, two))
+    logs = len(calls) == 1 and calls[0].startswith("ZORVAN_S3_LOG(")
+    return jumps or bool(calls) and not (frees or logs)
 
 
 def mutants_of(source, text):
@@ -273,17 +284,108 @@ def choose(by_source, seed):
     return [mutant for _, _, mutant in sorted(keyed, key=lambda entry: entry[:2])]
 
 
-class Scratch:
-    """The copy, its build folder, and the test program in it."""
+class Build:
+    """A build folder for the copy, and the test program in it."""
 
-    def __init__(self, folder, cores, limit):
-        self.tree = folder / "tree"
-        self.build = folder / "build"
-        self.temporary = folder / "tmp"
+    def __init__(self, tree, folder, temporary, cores):
+        self.tree = tree
+        self.folder = folder
+        self.temporary = temporary
         self.cores = cores
+        self.limit = 0.0
+        self.program = folder / "bin" / "module_tests"
+
+    # Without optimisation and warnings a source is compiled fastest.
+    options = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_CXX_FLAGS=-w")
+    environment = {}
+    address_space = 1 << 33
+
+    def configure(self):
+        command = ["cmake", "-S", self.tree, "-B", self.folder, "-G", "Ninja", "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"]
+        subprocess.run([*command, *self.options], check=True, stdout=subprocess.DEVNULL)
+
+    def make(self):
+        command = ["ninja", "-C", self.folder, f"-j{self.cores}", "bin/module_tests"]
+        return subprocess.run(command, capture_output=True, text=True, errors="replace")
+
+    def object_of(self, source):
+        return self.folder / "src/CMakeFiles/zorvan_ceph_objects.dir" / (pathlib.Path(source).name + ".o")
+
+    def keep_object(self, source):
+        """Put the object aside. @return what puts it back: then the next build compiles one source, not two."""
+        compiled = self.object_of(source)
+        kept = self.folder / (compiled.name + ".kept")
+        if not compiled.is_file():
+            return lambda: None
+        shutil.copy2(compiled, kept)
+        return lambda: shutil.copy2(kept, compiled)
+
+    def passes(self, selection, limit):
+        """Whether the selected tests pass. What they leave in memory, files and processes goes with them."""
+        shutil.rmtree(self.temporary, ignore_errors=True)
+        self.temporary.mkdir(parents=True)
+
+        def bounds():
+            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+            resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 28, 1 << 28))
+            resource.setrlimit(resource.RLIMIT_AS, (self.address_space, self.address_space))
+
+        command = [self.program, f"--gtest_filter={selection}", "--gtest_fail_fast", "--gtest_brief=1"]
+        process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                   env={**os.environ, **self.environment, "TMPDIR": str(self.temporary)},
+                                   preexec_fn=bounds, start_new_session=True)  # fmt: skip
+        try:
+            return process.wait(limit) == 0
+        except subprocess.TimeoutExpired:
+            return False
+        finally:
+            try:
+                os.killpg(process.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            process.wait()
+
+    def prepare(self, limit):
+        """Build and run the unchanged tests. @param limit  seconds for a later run; 0 = in proportion to this one"""
+        self.configure()
+        made = self.make()
+        if made.returncode != 0:
+            sys.exit("The unchanged tests do not build:\n" + made.stdout[-4000:])
+        began = time.monotonic()
+        if not self.passes("*", 600):
+            sys.exit(f"The unchanged tests do not pass in {self.folder}.")
+        took = time.monotonic() - began
+        self.limit = limit or max(20.0, 4 * took)
+        print(f"unchanged: {took:.1f} s; a run has {self.limit:.0f} s", flush=True)
+
+    def notices(self, source):
+        """Whether some test fails, the likely ones first."""
+        likely = LIKELY.get(pathlib.Path(source).stem)
+        selections = [likely, "*-" + likely] if likely else ["*"]
+        return not all(self.passes(selection, self.limit) for selection in selections)
+
+
+class SanitizedBuild(Build):
+    """As the preset asan, whose unit tests are part of test.sh."""
+
+    options = ("-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=", "-DCMAKE_CXX_FLAGS=-O1 -w",
+               "-DCMAKE_C_FLAGS=-O1", "-DZORVAN_SANITIZE=address,undefined")  # fmt: skip
+    environment = {
+        "ASAN_OPTIONS": "detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1",
+        "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
+    }
+    # The sanitizer reserves its shadow in terabytes.
+    address_space = resource.RLIM_INFINITY
+
+
+class Scratch:
+    """The copy and its builds."""
+
+    def __init__(self, folder, cores, limit, sanitize):
+        self.tree = folder / "tree"
         self.limit = limit
-        self.program = self.build / "bin" / "module_tests"
-        self.pristine = {}
+        self.plain = Build(self.tree, folder / "build", folder / "tmp", cores)
+        self.sanitized = SanitizedBuild(self.tree, folder / "sanitized", folder / "tmp", cores) if sanitize else None
 
     def copy_checkout(self):
         listing = ["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others", "--exclude-standard"]
@@ -301,81 +403,33 @@ class Scratch:
             if str(path.relative_to(self.tree)) not in wanted:
                 path.unlink()
 
-    def configure(self):
-        # Without optimisation and warnings a source is compiled fastest.
-        options = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_CXX_FLAGS=-w",
-                   "-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"]  # fmt: skip
-        command = ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", *options]
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-    def make(self):
-        command = ["ninja", "-C", self.build, f"-j{self.cores}", "bin/module_tests"]
-        return subprocess.run(command, capture_output=True, text=True, errors="replace")
-
-    def object_of(self, source):
-        return self.build / "src/CMakeFiles/zorvan_ceph_objects.dir" / (pathlib.Path(source).name + ".o")
-
-    def passes(self, selection, limit):
-        """Whether the selected tests pass. What they leave in memory, files and processes goes with them."""
-        shutil.rmtree(self.temporary, ignore_errors=True)
-        self.temporary.mkdir(parents=True)
-
-        def bounds():
-            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-            resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 28, 1 << 28))
-            resource.setrlimit(resource.RLIMIT_AS, (1 << 33, 1 << 33))
-
-        command = [self.program, f"--gtest_filter={selection}", "--gtest_fail_fast", "--gtest_brief=1"]
-        process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                   env={**os.environ, "TMPDIR": str(self.temporary)}, preexec_fn=bounds,
-                                   start_new_session=True)  # fmt: skip
-        try:
-            return process.wait(limit) == 0
-        except subprocess.TimeoutExpired:
-            return False
-        finally:
-            try:
-                os.killpg(process.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            process.wait()
-
     def prepare(self):
-        self.copy_checkout()
-        self.configure()
-        made = self.make()
-        if made.returncode != 0:
-            sys.exit("The unchanged tests do not build:\n" + made.stdout[-4000:])
-        began = time.monotonic()
-        if not self.passes("*", 600):
-            sys.exit("The unchanged tests do not pass.")
-        took = time.monotonic() - began
-        self.limit = self.limit or max(20.0, 4 * took)
-        print(f"unchanged: {took:.1f} s; a run has {self.limit:.0f} s", flush=True)
+        self.plain.prepare(self.limit)
+        if self.sanitized:
+            self.sanitized.prepare(self.limit)
 
     def judge(self, mutant):
-        """One change, made, built, tested and taken back: "caught", "survived" or "no build"."""
+        """One change, made, built, tested and taken back: "caught", "sanitizer" (caught by one alone), "survived" or
+        "no build"."""
         path = self.tree / mutant.source
         original, stamp = path.read_text(), path.stat()
-        compiled = self.object_of(mutant.source)
-        kept = self.build / (compiled.name + ".kept")
-        if compiled.is_file():
-            shutil.copy2(compiled, kept)
+        put_back = []
         path.write_text(original[: mutant.start] + mutant.new + original[mutant.end :])
         try:
-            if self.make().returncode != 0:
-                return "no build"
-            likely = LIKELY.get(pathlib.Path(mutant.source).stem, "-*")
-            for selection in ([likely, "*-" + likely] if likely != "-*" else ["*"]):
-                if not self.passes(selection, self.limit):
-                    return "caught"
+            for build, outcome in ((self.plain, "caught"), (self.sanitized, "sanitizer")):
+                if not build:
+                    continue
+                put_back.append(build.keep_object(mutant.source))
+                if build.make().returncode != 0:
+                    return "no build"
+                if build.notices(mutant.source):
+                    return outcome
             return "survived"
         finally:
-            # With the old object in place the next build compiles one source, not two.
             path.write_text(original)
             os.utime(path, ns=(stamp.st_atime_ns, stamp.st_mtime_ns))
-            if kept.is_file():
-                shutil.copy2(kept, compiled)
+            for action in put_back:
+                action()
 
 
 def percent(part, whole):
@@ -387,24 +441,25 @@ def print_table(title, outcomes, key):
     for mutant, outcome in outcomes:
         rows[key(mutant)][outcome] += 1
         rows["all"][outcome] += 1
-    print(f"\n{title:<32}{'caught':>8}{'survived':>10}{'no build':>10}{'caught':>10}")
+    print(f"\n{title:<32}{'caught':>8}{'sanitizer':>11}{'survived':>10}{'no build':>10}{'caught':>10}")
     for name in sorted(rows, key=lambda name: (name == "all", name)):
         row = rows[name]
-        counted = row["caught"] + row["survived"]
-        print(f"{name:<32}{row['caught']:>8}{row['survived']:>10}{row['no build']:>10}"
-              f"{percent(row['caught'], counted):>10}")  # fmt: skip
+        caught = row["caught"] + row["sanitizer"]
+        print(f"{name:<32}{row['caught']:>8}{row['sanitizer']:>11}{row['survived']:>10}{row['no build']:>10}"
+              f"{percent(caught, caught + row['survived']):>10}")  # fmt: skip
 
 
 def survivors_of(report, mutants):
-    """The changes that survived then: at the same place, or, where the source has moved on, of the same words."""
-    known = {(mutant.source, mutant.kind, mutant.start, mutant.what): mutant for mutant in mutants}
+    """The changes that survived then: at the same place, or, where the source has moved on, the nearest of the same
+    words."""
     found = []
     for entry in report:
         if entry["outcome"] != "survived":
             continue
-        same = known.get((entry["source"], entry["kind"], entry["start"], entry["what"]))
         words = (entry["source"], entry["kind"], entry["what"])
-        found += [same] if same else [each for each in mutants if (each.source, each.kind, each.what) == words]
+        same = [each for each in mutants if (each.source, each.kind, each.what) == words]
+        if same:
+            found.append(min(same, key=lambda each: (each.start != entry["start"], abs(each.line - entry["line"]))))
     return list(dict.fromkeys(found))
 
 
@@ -422,6 +477,7 @@ def main():
     parser.add_argument("--kind", default="", help="regular expression for the kinds of changes")
     parser.add_argument("--headers", action="store_true", help="headers of src/ too; each rebuilds much")
     parser.add_argument("--again", type=pathlib.Path, help="the survivors of this report instead of a choice")
+    parser.add_argument("--sanitize", action="store_true", help="judge survivors with the address sanitizer too")
     parser.add_argument("--scratch", type=pathlib.Path, default=pathlib.Path("/tmp/zorvan-mutation"))
     parser.add_argument("--report", type=pathlib.Path, help="write the outcomes here (SCRATCH/report.json)")
     parser.add_argument("--time-limit", type=float, default=0, help="seconds for a run of the tests (4 times the usual)")
@@ -430,11 +486,16 @@ def main():
     parser.add_argument("--list", action="store_true", help="show the choice and do nothing")
     arguments = parser.parse_args()
 
+    # Of the copy, whose places stay as they are while the checkout is edited.
+    scratch = Scratch(arguments.scratch, arguments.cores, arguments.time_limit, arguments.sanitize)
+    if not arguments.list:
+        scratch.copy_checkout()
+    root = ROOT if arguments.list else scratch.tree
     by_source = {}
-    for path in sources_below(ROOT / "src", arguments.headers):
+    for path in sources_below(root / "src", arguments.headers):
         if arguments.only and not re.fullmatch(arguments.only, path.stem):
             continue
-        name = str(path.relative_to(ROOT))
+        name = str(path.relative_to(root))
         by_source[name] = [
             mutant for mutant in mutants_of(name, path.read_text())
             if not arguments.kind or re.fullmatch(arguments.kind, mutant.kind)
@@ -451,9 +512,7 @@ def main():
             print(f"{mutant.source}:{mutant.line}: {mutant.kind}: {mutant.what}")
         return
 
-    scratch = Scratch(arguments.scratch, arguments.cores, arguments.time_limit)
     scratch.prepare()
-    # The copy is what is changed; were the checkout edited meanwhile, the places would not fit.
     report = arguments.report or arguments.scratch / "report.json"
     began, outcomes = time.monotonic(), []
     for number, mutant in enumerate(chosen, 1):
