@@ -167,31 +167,6 @@ TEST_F(Command, ForbiddenBucketIsRefusedAtOnce) {
     EXPECT_EQ(threads_asked_for(), threads);
 }
 
-TEST_F(Command, EveryAllocationThatFailsEndsTheCommandOnce) {
-    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
-    s3_object("b", "k", "data").properties.etag = "\"no-md5-2\"";
-    each_command("/b/k", [&](Operation& first, int code, const auto&) {
-        first.finishes.emplace_back();
-        bool went_through = false;
-        for (long n = 1; n < 300 && !went_through; ++n) {
-            s3_object("b", "k", "data").properties.etag = "\"no-md5-2\"";
-            Operation op;
-            fail_allocation(n);
-            if (code == rnto)
-                call_command(op, code, "/b/k2", "/b/k");
-            else
-                call_command(op, code, "/b/k", std::nullopt, "md5");
-            ASSERT_TRUE(op.wait_finished());
-            op.close();
-            ASSERT_EQ(zorvan_thread_wait_all(20000), 1);
-            went_through = !allocation_failed();
-            fail_allocation(0);
-            EXPECT_EQ(op.finishes.size(), 1u);
-        }
-        EXPECT_TRUE(went_through);
-    });
-}
-
 TEST_F(Command, EntryTouchesNothingAfterItsThreadWasMade) {
     s3_object("b", "k", "data");
     each_command("/b/k", [&](Operation& op, int, const auto& call) {

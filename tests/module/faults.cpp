@@ -14,6 +14,7 @@
 #include <mutex>
 #include <new>
 #include <thread>
+#include <unordered_set>
 #include <utility>
 
 #include "call_trace.h"
@@ -23,6 +24,7 @@ void* __real_malloc(size_t size);
 void* __real_calloc(size_t count, size_t size);
 void* __real_realloc(void* memory, size_t size);
 char* __real_strdup(const char* text);
+void __real_free(void* memory);
 char* __real_zorvan_libc_strdup(const char* text);
 time_t __real_time(time_t* seconds);
 int __real_MD5_Init(void* context);
@@ -51,11 +53,21 @@ struct Body {
 std::mutex mutex;
 ThreadMode thread_mode = ThreadMode::real;
 int thread_errno = 0;
+int threads_left = 0;  // 0: none fails
+bool thread_refused = false;
 int thread_requests = 0;
 std::function<void()> after_at_once;
 std::function<int64_t()> own_clock;
 std::vector<Body> kept;
 std::vector<int64_t> wanted_sleeps;
+
+std::atomic<bool> watching{false};
+thread_local bool noting = false;  // the notes take and give back memory themselves
+std::mutex notes_mutex;
+std::unordered_set<void*>& notes() {
+    static auto* const all = new std::unordered_set<void*>;  // outlives whatever is freed at the end
+    return *all;
+}
 
 // Whether this allocation is the one to refuse.
 bool refuse(size_t size) {
@@ -80,6 +92,31 @@ void* run_marked(void* argument) {
 
 }  // namespace
 
+// Memory that the module was given.
+static void* note(void* memory) {
+    if (memory == nullptr || !watching || !in_module) return memory;
+    const OutOfModule outside;
+    noting = true;
+    {
+        const std::lock_guard lock(notes_mutex);
+        notes().insert(memory);
+    }
+    noting = false;
+    return memory;
+}
+
+// Memory that is about to be given back.
+static void forget(void* memory) {
+    if (memory == nullptr || !watching || noting) return;
+    const OutOfModule outside;
+    noting = true;
+    {
+        const std::lock_guard lock(notes_mutex);
+        notes().erase(memory);
+    }
+    noting = false;
+}
+
 InModule::InModule() : before_(std::exchange(in_module, true)) {}
 InModule::~InModule() {
     in_module = before_;
@@ -93,9 +130,10 @@ void faults_reset() {
     fail_allocation(0);
     fail_allocations_from(0);
     fail_md5(Md5Step::none);
+    watch_memory(false);
+    fail_thread(0, 0);
     const std::lock_guard lock(mutex);
     thread_mode = ThreadMode::real;
-    thread_errno = 0;
     thread_requests = 0;
     after_at_once = nullptr;
     own_clock = nullptr;
@@ -114,6 +152,22 @@ void fail_allocations_from(size_t bytes) {
     failing_size = bytes;
 }
 
+void watch_memory(bool watch) {
+    watching = false;
+    noting = true;
+    {
+        const std::lock_guard lock(notes_mutex);
+        notes().clear();
+    }
+    noting = false;
+    watching = watch;
+}
+
+size_t memory_taken() {
+    const std::lock_guard lock(notes_mutex);
+    return notes().size();
+}
+
 void fail_md5(Md5Step step) {
     failing_md5 = step;
 }
@@ -130,9 +184,20 @@ void set_thread_mode(ThreadMode mode) {
     thread_mode = mode;
 }
 
-void fail_next_thread(int errno_value) {
+void fail_thread(int nth, int errno_value) {
     const std::lock_guard lock(mutex);
+    threads_left = nth;
     thread_errno = errno_value;
+    thread_refused = false;
+}
+
+void fail_next_thread(int errno_value) {
+    fail_thread(1, errno_value);
+}
+
+bool thread_failed() {
+    const std::lock_guard lock(mutex);
+    return thread_refused;
 }
 
 void set_after_at_once(std::function<void()> hook) {
@@ -180,7 +245,10 @@ static int create_thread(zorvan_thread_t* thread, const zorvan_threadattr_t* att
     {
         const std::lock_guard lock(mutex);
         ++thread_requests;
-        if (thread_errno != 0) return std::exchange(thread_errno, 0);
+        if (threads_left > 0 && --threads_left == 0) {
+            thread_refused = true;
+            return thread_errno;
+        }
         mode = thread_mode;
         hook = after_at_once;
         if (mode == ThreadMode::deferred) {
@@ -218,6 +286,12 @@ static time_t tell_time() {
 static bool refuse_allocation(size_t size) {
     return refuse(size);
 }
+static void* noted(void* memory) {
+    return note(memory);
+}
+static void about_to_free(void* memory) {
+    forget(memory);
+}
 static bool refuse_md5(Md5Step step) {
     return failing_md5 == step;
 }
@@ -229,19 +303,28 @@ static bool refuse_md5(Md5Step step) {
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
-    return module_test::refuse_allocation(size) ? nullptr : __real_malloc(size);
+    return module_test::refuse_allocation(size) ? nullptr : module_test::noted(__real_malloc(size));
+}
+
+void __wrap_free(void* memory) {
+    module_test::about_to_free(memory);
+    __real_free(memory);
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return module_test::refuse_allocation(count * size) ? nullptr : __real_calloc(count, size);
+    return module_test::refuse_allocation(count * size) ? nullptr
+                                                        : module_test::noted(__real_calloc(count, size));
 }
 
 void* __wrap_realloc(void* memory, size_t size) {
-    return module_test::refuse_allocation(size) ? nullptr : __real_realloc(memory, size);
+    if (module_test::refuse_allocation(size)) return nullptr;
+    module_test::about_to_free(memory);
+    return module_test::noted(__real_realloc(memory, size));
 }
 
 char* __wrap_strdup(const char* text) {
-    return module_test::refuse_allocation(std::strlen(text) + 1) ? nullptr : __real_strdup(text);
+    if (module_test::refuse_allocation(std::strlen(text) + 1)) return nullptr;
+    return static_cast<char*>(module_test::noted(__real_strdup(text)));
 }
 
 time_t __wrap_time(time_t* seconds) {
@@ -289,7 +372,7 @@ void __wrap_zorvan_libc_usleep(int64_t microseconds) {
 #pragma GCC visibility pop
 
 void* operator new(size_t size) {
-    void* memory = module_test::refuse_allocation(size) ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    void* memory = operator new(size, std::nothrow);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
@@ -299,7 +382,8 @@ void* operator new[](size_t size) {
 }
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return module_test::refuse_allocation(size) ? nullptr : __real_malloc(size == 0 ? 1 : size);
+    if (module_test::refuse_allocation(size)) return nullptr;
+    return module_test::noted(__real_malloc(size == 0 ? 1 : size));
 }
 
 void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {

@@ -48,6 +48,11 @@ bool allocation_failed();
 /// How many allocations the module made since the last fail_allocation().
 long allocations_made();
 
+/// Begin (forgetting what was noted) or end to note the memory that the module takes.
+void watch_memory(bool watch);
+/// How many pieces of the memory noted since are still taken, whoever should have given them back.
+size_t memory_taken();
+
 /// Which step of computing an MD5 fails from now on.
 enum class Md5Step { none, init, update, finalize };
 void fail_md5(Md5Step step);
@@ -62,8 +67,12 @@ enum class ThreadMode {
     at_once,   ///< runs the body to its end, on a thread of its own, before it returns
 };
 void set_thread_mode(ThreadMode mode);
+/// The nth thread creation (from 1) from now on fails with that errno value, once. 0 lets none fail.
+void fail_thread(int nth, int errno_value);
 /// The next thread creation fails with that errno value.
 void fail_next_thread(int errno_value);
+/// Whether a thread was refused since the last fail_thread().
+bool thread_failed();
 /// Called after an at_once body has ended and before zorvan_thread_create returns.
 void set_after_at_once(std::function<void()> hook);
 /// Run the kept bodies on the calling thread; @return how many ran.

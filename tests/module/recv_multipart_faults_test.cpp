@@ -376,66 +376,6 @@ TEST_F(RecvMultipartFaults, PartTableThatCannotBeAllocated) {
     EXPECT_TRUE(parts().empty());
 }
 
-TEST_F(RecvMultipartFaults, EveryAllocationThatFailsEndsTheUpload) {
-    silence();
-    const auto data = bytes(300);
-    bool went_through = false;
-    int failures = 0;
-    for (long n = 1; n < 400 && !went_through; ++n) {
-        s3_bucket("b").objects.clear();
-        s3_bucket("b").uploads.clear();
-        s3_upload("b", "dir/f", "2~a", 1);
-        s3_upload("b", "dir/f", "2~b", 2);
-        Operation op;
-        op.send_in_blocks(data);
-        fail_allocation(n);
-        call_recv_multipart(op, "/b/dir/f", 300, 300, part, false, std::string(32, '0'), "md5");
-        finish(op);
-        went_through = !allocation_failed();
-        fail_allocation(0);
-        EXPECT_EQ(op.finishes.size(), 1u);
-        if (op.finish().result == ZORVAN_SUCCESS) {
-            expect_stored(data);
-        } else {
-            ++failures;
-            expect_not_stored();
-        }
-    }
-    EXPECT_TRUE(went_through);
-    EXPECT_GT(failures, 5);
-}
-
-TEST_F(RecvMultipartFaults, EveryAllocationThatFailsEndsTheResume) {
-    silence();
-    s3_page_size(1);
-    const auto data = bytes(300);
-    bool went_through = false;
-    int failures = 0;
-    for (long n = 1; n < 400 && !went_through; ++n) {
-        s3_bucket("b").objects.clear();
-        s3_bucket("b").uploads.clear();
-        s3_upload("b", "dir/f", "2~a", 1);
-        s3_upload("b", "dir/f", "2~b", 2, cut(data.substr(0, 200)));
-        Operation op;
-        op.write_range = {{200, -1}};
-        op.send_in_blocks(data.substr(200), 200);
-        fail_allocation(n);
-        call_recv_multipart(op, "/b/dir/f", 100, zorvan_i_s3_unknown_size, part, true);
-        finish(op);
-        went_through = !allocation_failed();
-        fail_allocation(0);
-        EXPECT_EQ(op.finishes.size(), 1u);
-        if (op.finish().result == ZORVAN_SUCCESS) {
-            expect_stored(data);
-        } else {
-            ++failures;
-            expect_not_stored();
-        }
-    }
-    EXPECT_TRUE(went_through);
-    EXPECT_GT(failures, 5);
-}
-
 TEST_F(RecvMultipartFaults, ThreadThatCannotStart) {
     for (const bool fresh : {true, false}) {
         Operation op;

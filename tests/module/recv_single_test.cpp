@@ -566,26 +566,6 @@ TEST_F(RecvSingle, BufferThatCannotBeAllocatedAtTheBeginning) {
     EXPECT_TRUE(puts().empty());
 }
 
-TEST_F(RecvSingle, EveryAllocationThatFailsEndsTheUpload) {
-    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
-    const auto data = bytes(64 * 6);
-    bool went_through = false;
-    for (long n = 1; n < 300 && !went_through; ++n) {
-        Operation op;
-        op.concurrency = 2;
-        op.send_in_blocks(data);
-        fail_allocation(n);
-        call_recv(op, "/b/dir/a.txt", static_cast<int64_t>(data.size()), true, empty_md5, "md5");
-        finish(op);
-        went_through = !allocation_failed();
-        fail_allocation(0);
-        if (op.finish().result == ZORVAN_SUCCESS) {
-            EXPECT_EQ(puts().back().body, data);
-        }
-    }
-    EXPECT_TRUE(went_through);
-}
-
 // --------------------------------------------------------------------------------------- keys and paths
 
 TEST_F(RecvSingle, BucketPathHasANullKeyAndIsNoCrash) {

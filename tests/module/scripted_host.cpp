@@ -27,6 +27,21 @@ int config_string_queries = 0;
 bool config_data_refused = false;
 std::vector<HostLogLine> log_lines;
 
+std::mutex refusal_mutex;
+long calls_left = 0;  // 0: none is refused
+bool refused_ever_after = false;
+std::string refused_call;
+
+// Whether this call is one to refuse.
+bool refuse_call(const char* name) {
+    const OutOfModule outside;
+    const std::lock_guard lock(refusal_mutex);
+    const bool first = calls_left > 0 && --calls_left == 0;
+    const bool later = refused_ever_after && !refused_call.empty();
+    if (first) refused_call = name;
+    return first || later;
+}
+
 char* copy_text(const std::string& text) {
     return strdup(text.c_str());
 }
@@ -57,11 +72,24 @@ StatEntry copy_entry(const zorvan_gridftp_server_stat_t& stat) {
 namespace module_test {
 
 void host_reset() {
+    host_refuse(0, false);
     const std::lock_guard lock(host_mutex);
     config_string.reset();
     config_string_queries = 0;
     config_data_refused = false;
     log_lines.clear();
+}
+
+void host_refuse(long nth, bool ever_after) {
+    const std::lock_guard lock(refusal_mutex);
+    calls_left = nth;
+    refused_ever_after = ever_after;
+    refused_call.clear();
+}
+
+std::string host_refused_call() {
+    const std::lock_guard lock(refusal_mutex);
+    return refused_call;
 }
 
 void host_refuse_config_data() {
@@ -223,6 +251,7 @@ zorvan_result_t zorvan_gridftp_server_operation_s::add_write(unsigned char* buff
     EXPECT_EQ(stripe, -1);
     EXPECT_GT(length, 0u);
     ++write_registrations_;
+    if (refuse_call("register_write")) return own_error("write refused");
     if (refuse_write != 0 && write_registrations_ >= refuse_write) return own_error("write refused");
     if (broken_) return own_error("data channel broken");
     if (!finishes.empty()) return own_error("operation finished");
@@ -244,6 +273,7 @@ zorvan_result_t zorvan_gridftp_server_operation_s::add_read(unsigned char* buffe
     const std::lock_guard lock(mutex);
     EXPECT_GT(length, 0u);
     ++read_registrations_;
+    if (refuse_call("register_read")) return own_error("read refused");
     if (read_registrations_ == refuse_read) return own_error("read refused");
     if (!finishes.empty()) return own_error("operation finished");
     read_lengths.push_back(length);
@@ -278,6 +308,7 @@ void zorvan_gridftp_server_operation_s::deliver() {
         if (!deliverable()) return;
         if (held_) --granted_;
         ++begun_;
+        if (begun_ == fail_callback) broken_ = true;
         if (!pending_writes_.empty())
             deliver_write(lock);
         else
@@ -294,14 +325,15 @@ void zorvan_gridftp_server_operation_s::deliver_write(std::unique_lock<std::mute
     const bool unchanged = std::memcmp(write.buffer, write.copy.data(), write.length) == 0;
     EXPECT_TRUE(unchanged) << "a lent buffer was written to";
     zorvan_result_t result = ZORVAN_SUCCESS;
-    if (write.fails)
+    const bool fails = write.fails || (fail_callback != 0 && broken_);
+    if (fails)
         result = own_error("data channel broken");
     else
         writes.push_back({write.offset, write.copy});
     lock.unlock();
     {
         const InModule inside;
-        write.callback(this, result, write.buffer, write.fails ? 0 : write.length, write.argument);
+        write.callback(this, result, write.buffer, fails ? 0 : write.length, write.argument);
     }
     lock.lock();
 }
@@ -314,7 +346,10 @@ void zorvan_gridftp_server_operation_s::deliver_read(std::unique_lock<std::mutex
     size_t nbytes = 0;
     int64_t offset = bytes_received_;
     bool eof = true;
-    if (!upload.empty()) {
+    if (broken_) {
+        result = own_error("data channel broken");
+        offset = 0;
+    } else if (!upload.empty()) {
         auto& block = upload.front();
         nbytes = std::min(block.data.size(), read.length);
         offset = block.offset;
@@ -462,7 +497,7 @@ zorvan_result_t zorvan_gridftp_server_get_write_range(zorvan_gridftp_server_oper
     const OutOfModule outside;
     trace_add("get_write_range");
     const std::lock_guard lock(op->mutex);
-    if (!op->write_range) return ZORVAN_FAILURE;
+    if (refuse_call("get_write_range") || !op->write_range) return ZORVAN_FAILURE;
     *offset = op->write_range->first;
     *length = op->write_range->second;
     return ZORVAN_SUCCESS;
@@ -481,7 +516,7 @@ zorvan_result_t zorvan_gridftp_server_get_optimal_concurrency(zorvan_gridftp_ser
 
 zorvan_result_t zorvan_gridftp_server_get_recv_modification_time(zorvan_gridftp_server_operation_t op,
                                                                  int64_t* time) {
-    if (!op->modification_time) return ZORVAN_FAILURE;
+    if (refuse_call("get_recv_modification_time") || !op->modification_time) return ZORVAN_FAILURE;
     *time = *op->modification_time;
     return ZORVAN_SUCCESS;
 }
@@ -497,6 +532,7 @@ zorvan_result_t zorvan_gridftp_server_get_config_string(zorvan_gridftp_server_op
     EXPECT_EQ(op, nullptr);
     const std::lock_guard lock(host_mutex);
     ++config_string_queries;
+    if (refuse_call("get_config_string")) return ZORVAN_FAILURE;
     *out = config_string ? copy_text(*config_string) : nullptr;
     return ZORVAN_SUCCESS;
 }
@@ -507,7 +543,7 @@ zorvan_result_t zorvan_gridftp_server_get_config_data(zorvan_gridftp_server_oper
     trace_add("get_config_data");
     {
         const std::lock_guard lock(host_mutex);
-        if (config_data_refused) return ZORVAN_FAILURE;
+        if (refuse_call("get_config_data") || config_data_refused) return ZORVAN_FAILURE;
     }
     const std::lock_guard lock(op->mutex);
     op->config_keys.emplace_back(key);

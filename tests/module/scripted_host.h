@@ -103,6 +103,9 @@ struct zorvan_gridftp_server_operation_s {
     std::optional<std::pair<int64_t, int64_t>> write_range{{0, -1}};  ///< none: the query fails
     std::function<void()> on_finished;  ///< runs inside the first finished call, after it was recorded
 
+    /// From the nth callback (from 1) on the data channel is broken: each brings an error. 0 = none.
+    int fail_callback = 0;
+
     // ---- writes (downloads)
     module_test::Pick write_pick = module_test::Pick::oldest;
     int refuse_write = 0;                         ///< from the nth registration on all are refused; 0 = none

@@ -151,12 +151,10 @@ class Request {
     void complete() {
         call_.status = status_;
         end(index_, call_);
-        {
+        with_details(reply_.details, [&](const S3ErrorDetails* details) {
             const InModule inside;
-            with_details(reply_.details, [&](const S3ErrorDetails* details) {
-                handler_.completeCallback(status_, details, data_);
-            });
-        }
+            handler_.completeCallback(status_, details, data_);
+        });
         if (reply_.after) reply_.after();
     }
 

@@ -215,6 +215,10 @@ void s3_on_call(S3Kind kind, int nth, Reply reply);
 void s3_fail(S3Kind kind, int nth, S3Status status);
 /// Every call of that kind is shown to this function first.
 void s3_respond(S3Kind kind, Responder responder);
+/// Every call is shown to this function before all other rules; an empty one ends it.
+void s3_intercept(Responder responder);
+/// How the store would end a call.
+Reply s3_store_answer(const S3Call& call);
 /// How many bytes one put-data callback asks for (65536).
 void s3_pull_size(int bytes);
 /// Whether a status stays retryable after body bytes were taken (false, as in the library).

@@ -17,6 +17,7 @@ std::map<std::string, std::vector<UserKey>> users;
 std::map<S3Kind, std::deque<Reply>> scripts;
 std::map<S3Kind, std::map<int, Reply>> nth_replies;
 std::map<S3Kind, Responder> responders;
+Responder interceptor;
 std::map<S3Kind, int> call_counts;
 std::vector<S3Call> calls;
 int pull_bytes = 65536;
@@ -211,6 +212,13 @@ Reply decide(const S3Call& call) {
     Responder responder;
     {
         const std::lock_guard lock(mutex);
+        responder = interceptor;
+    }
+    if (responder)
+        if (auto reply = responder(call)) return *reply;
+    responder = nullptr;
+    {
+        const std::lock_guard lock(mutex);
         const auto nth = ++call_counts[call.kind];
         auto& special = nth_replies[call.kind];
         if (const auto found = special.find(nth); found != special.end()) return found->second;
@@ -266,6 +274,7 @@ void s3_reset() {
     scripts.clear();
     nth_replies.clear();
     responders.clear();
+    interceptor = nullptr;
     call_counts.clear();
     calls.clear();
     pull_bytes = 65536;
@@ -307,6 +316,16 @@ void s3_fail(S3Kind kind, int nth, S3Status status) {
 void s3_respond(S3Kind kind, Responder responder) {
     const std::lock_guard lock(mutex);
     responders[kind] = std::move(responder);
+}
+
+void s3_intercept(Responder responder) {
+    const std::lock_guard lock(mutex);
+    interceptor = std::move(responder);
+}
+
+Reply s3_store_answer(const S3Call& call) {
+    const std::lock_guard lock(mutex);
+    return from_store(call);
 }
 
 void s3_pull_size(int bytes) {

@@ -459,25 +459,6 @@ TEST_F(Send, BufferThatCannotBeAllocatedIsTheMallocErrorAndStatus2) {
     EXPECT_EQ(s3_calls(S3Kind::get_object).size(), 1u);
 }
 
-TEST_F(Send, EveryAllocationThatFailsEndsTheDownloadOnce) {
-    zorvan_i_ZORVAN_S3_debug_handle.levels = 0;
-    const auto data = bytes(64 * 12);
-    bool went_through = false;
-    for (long n = 1; n < 500 && !went_through; ++n) {
-        multipart_object(data);
-        Operation op;
-        fail_allocation(n);
-        run(op);
-        went_through = !allocation_failed();
-        fail_allocation(0);
-        EXPECT_EQ(op.finishes.size(), 1u);
-        if (op.finish().result == ZORVAN_SUCCESS) {
-            EXPECT_EQ(op.content(), data);
-        }
-    }
-    EXPECT_TRUE(went_through);
-}
-
 TEST_F(Send, EntryTouchesNothingAfterItsThreadWasMade) {
     s3_object("b", "dir/f", bytes(300));
     Operation op;

@@ -388,24 +388,6 @@ TEST_F(StartCeph, SecondAllocationThatFailsIsTheMallocError) {
     EXPECT_EQ(finish.session_handle, nullptr);
 }
 
-TEST_F(StartCeph, EveryAllocationThatFailsEndsTheStartOnce) {
-    debug_value.reset();
-    activate();
-    known_user();
-    const auto policy = policy_for("http://s", R"(,"s3_buckets":["x","y"])");
-    bool went_through = false;
-    for (long n = 1; n < 300 && !went_through; ++n) {
-        fail_allocation(n);
-        const auto finish = run(policy);
-        went_through = !allocation_failed();
-        fail_allocation(0);
-        if (went_through) {
-            EXPECT_EQ(finish.result, ZORVAN_SUCCESS) << finish.error.friendly;
-        }
-    }
-    EXPECT_TRUE(went_through);
-}
-
 TEST_F(StartCeph, KeyThatCannotBeCopiedAbortsTheLookup) {
     activate();
     Reply reply;
@@ -629,6 +611,25 @@ TEST_F(StartCeph, EntryTouchesNothingAfterItsThreadWasMade) {
     start(op);
     EXPECT_TRUE(trace().empty());
     op.close();
+}
+
+TEST_F(StartCeph, WorkerTouchesNothingAfterItsFinishedCall) {
+    activate();
+    known_user();
+    for (const auto* user : {"alice", "nobody"}) {
+        Operation op;
+        op.on_finished = [&] {
+            // As the host does that closes the session at once.
+            iface->session_destroy(op.finishes.front().session_handle);
+            release_records();
+            trace_reset();
+        };
+        start(op, user);
+        ASSERT_TRUE(op.wait_finished());
+        ASSERT_EQ(zorvan_thread_wait_all(20000), 1);
+        EXPECT_TRUE(trace().empty());
+        op.close();
+    }
 }
 
 }  // namespace

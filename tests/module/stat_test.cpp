@@ -295,32 +295,6 @@ TEST_F(Stat, FailingCredentialHookEndsTheStatAtOnce) {
     session->refresh_credentials = nullptr;
 }
 
-TEST_F(Stat, EveryAllocationThatFailsEndsTheStatOnce) {
-    deactivate_quietly();
-    fill("b", 40);
-    s3_object("b", "dir/x", "1");
-    s3_page_size(15);
-    for (const auto* path : {"/", "/b", "/b/k000001", "/b/dir", "/b/none"}) {
-        for (const bool file_only : {true, false}) {
-            // A bucket that cannot be noted ends the process, also when it is memory that is missing.
-            if (!file_only && std::string_view(path) == "/") continue;
-            bool went_through = false;
-            for (long n = 1; n < 2000 && !went_through; ++n) {
-                Operation op;
-                fail_allocation(n);
-                call_stat(op, path, file_only);
-                ASSERT_TRUE(op.wait_finished());
-                op.close();
-                ASSERT_EQ(zorvan_thread_wait_all(20000), 1);
-                went_through = !allocation_failed();
-                fail_allocation(0);
-                EXPECT_EQ(op.finishes.size(), 1u);
-            }
-            EXPECT_TRUE(went_through);
-        }
-    }
-}
-
 TEST_F(Stat, EntryTouchesNothingAfterItsThreadWasMade) {
     s3_bucket("b");
     for (const auto* path : {"/", "/b", "/b/k"}) {
