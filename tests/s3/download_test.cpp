@@ -199,6 +199,25 @@ TEST_F(Downloads, WhenEveryByteIsThereABadEndOfTheConnectionIsNoFailure) {
     EXPECT_EQ(server_.requests().size(), 1u);
 }
 
+TEST_F(Downloads, AContentRangeThatSaysLittleIsBorneWith) {
+    for (const char* range :
+         {"bytes 98-102", "items 98-102/500", "bytes 10/50", "bytes 10-9/50", "bytes 10-x/*", "bytes */50"}) {
+        SCOPED_TRACE(range);
+        server_.then(reply(206, {{"ETag", "\"e\""}, {"Content-Range", range}}, "hello"));
+        const Recorder got = get("key", 10, 5);
+        EXPECT_EQ(got.status, S3StatusOK);
+        EXPECT_EQ(got.data, "hello");
+    }
+    // More than was asked for, and another place, are not.
+    server_.then(reply(206, {{"ETag", "\"e\""}}, "hello!"))
+        .then(reply(206, {{"ETag", "\"e\""}, {"Content-Range", range_of(11, 15, 50)}}, "hello"));
+    for (int i = 0; i < 2; ++i) {
+        const Recorder got = get("key", 10, 5);
+        EXPECT_EQ(got.status, S3StatusErrorInvalidRange);
+        EXPECT_FALSE(got.saw("data"));
+    }
+}
+
 TEST_F(Downloads, CutsBeforeTheFirstByteEndTheDownloadToo) {
     S3_set_option(S3OptionDownloadResumes, 2);
     for (int i = 0; i < 20; ++i)

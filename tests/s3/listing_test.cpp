@@ -205,6 +205,33 @@ TEST_F(Listings, BucketsOverSeveralPages) {
     EXPECT_EQ(server_.requests()[1].target, "/?continuation-token=t%2F1");
 }
 
+TEST_F(Listings, TheCallerMayRefuseABucket) {
+    server_.then(reply(200, {},
+                       "<ListAllMyBucketsResult><Buckets><Bucket></Bucket><Bucket><Name>a</Name></Bucket>"
+                       "<Bucket><Name>b</Name></Bucket></Buckets></ListAllMyBucketsResult>"));
+    Recorder recorder;
+    recorder.refuse_page_with = S3StatusAbortedByCallback;
+    S3_list_service(S3ProtocolHTTP, "A", "S", nullptr, nullptr, nullptr, nullptr, 0, &s3test::kService,
+                    &recorder);
+    EXPECT_EQ(recorder.status, S3StatusAbortedByCallback);
+    EXPECT_EQ(recorder.keys, std::vector<std::string>{"a"});
+}
+
+TEST_F(Listings, AListOfBucketsThatRepeatsItsPageIsStopped) {
+    const std::string page =
+        reply(200, {},
+              "<ListAllMyBucketsResult><Buckets><Bucket><Name>a</Name></Bucket></Buckets>"
+              "<ContinuationToken>t</ContinuationToken></ListAllMyBucketsResult>");
+    server_.then(page).then(page).then(page);
+    Recorder recorder;
+    S3_list_service(S3ProtocolHTTP, "A", "S", nullptr, nullptr, nullptr, nullptr, 0, &s3test::kService,
+                    &recorder);
+    EXPECT_EQ(recorder.status, S3StatusInternalError);
+    EXPECT_EQ(recorder.message, "the list of buckets repeats its page");
+    EXPECT_EQ(recorder.events, std::vector<std::string>{"complete"});
+    EXPECT_EQ(server_.requests().size(), 2u);
+}
+
 TEST_F(Listings, BucketsAreCreatedInPathStyle) {
     server_.then(reply(200)).then(reply(200)).then(error_reply(409, "BucketAlreadyExists"));
     const auto create = [&](S3CannedAcl acl, const char* location) {

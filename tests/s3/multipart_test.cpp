@@ -282,6 +282,42 @@ TEST_F(Multipart, TheObjectIsAskedForAgainWhenTheStoreIsBusy) {
     EXPECT_EQ(requests[7].method, "POST");
 }
 
+// The ETag of an object follows from its parts only when theirs are MD5s: encrypting stores have others.
+TEST_F(Multipart, WithoutMd5sTheObjectCannotTell) {
+    S3_set_option(S3OptionUploadResends, 1);
+    const auto part = [](const std::string& number, const std::string& etag) {
+        return "<Part><PartNumber>" + number + "</PartNumber><ETag>" + etag + "</ETag></Part>";
+    };
+    for (const std::string& document :
+         {"<CompleteMultipartUpload>" + part("1", kPartA) + part("2", "no digits") +
+              "</CompleteMultipartUpload>",
+          "<CompleteMultipartUpload>" + part("1", "abcd") + "</CompleteMultipartUpload>",
+          "<CompleteMultipartUpload>" + part("one", kPartA) + "</CompleteMultipartUpload>",
+          std::string("<CompleteMultipartUpload></CompleteMultipartUpload>"),
+          "<Other>" + part("1", kPartA) + "</Other>", std::string("no document")}) {
+        SCOPED_TRACE(document);
+        server_.then(error_reply(503, "SlowDown")).then(error_reply(503, "SlowDown"));
+        const size_t before = server_.requests().size();
+        EXPECT_EQ(commit(document).status, S3StatusErrorSlowDown);
+        const auto requests = server_.requests();
+        ASSERT_EQ(requests.size(), before + 2);
+        EXPECT_EQ(requests[before].method, "POST");
+        EXPECT_EQ(requests[before + 1].method, "POST") << "nothing to ask the object for";
+    }
+}
+
+TEST_F(Multipart, TheCallersLimitEndsTheCommitToo) {
+    S3_set_option(S3OptionRetryPauseMs, 60000);
+    server_.then(error_reply(503, "SlowDown")).then(reply(503));
+    Recorder recorder;
+    recorder.body = kCommitDocument;
+    const S3BucketContext where = context();
+    S3_complete_multipart_upload(&where, "key", &s3test::kCommit, "id", kCommitDocument.size(), nullptr, 9000,
+                                 &recorder);
+    EXPECT_EQ(recorder.status, S3StatusErrorSlowDown);
+    EXPECT_EQ(server_.requests().size(), 2u) << "one commit, one look, and no time for a pause";
+}
+
 TEST_F(Multipart, ADocumentThatNoMemoryHoldsIsNeverSent) {
     Recorder recorder;
     const S3BucketContext where = context();

@@ -84,6 +84,71 @@ TEST_F(ObjectCalls, RestoreAndEncryptionVariants) {
     const Recorder unreadable = head("key");
     EXPECT_EQ(unreadable.restore_status, 2);
     EXPECT_EQ(unreadable.restore_expiry, 0);
+
+    server_.then(reply(200, {{"x-amz-restore", "expiry-date=\"Fri, 24 May 2013 00:00:00 GMT\""}}))
+        .then(
+            reply(200, {{"x-amz-restore", "ongoing-request:\"true\""}, {"x-amz-server-side-encryption", ""}}))
+        .then(reply(200, {{"x-amz-server-side-encryption", "aws:kms"}, {"x-amz-archive-status", "ARCHIVE"}}));
+    EXPECT_EQ(head("key").restore_status, 0) << "nothing says that a restore was asked for";
+    const Recorder unquoted = head("key");
+    EXPECT_EQ(unquoted.restore_status, 0);
+    EXPECT_EQ(unquoted.encryption, 0);
+    const Recorder other_keys = head("key");
+    EXPECT_EQ(other_keys.encryption, 2);
+    EXPECT_EQ(other_keys.storage_class, ":ARCHIVE");
+}
+
+// All but the complete callback may be missing: the call does its work and says how it ended.
+TEST_F(ObjectCalls, CallersNeedNotListen) {
+    const S3BucketContext where = context();
+    const S3ResponseHandler end{nullptr, &Recorder::on_complete};
+    Recorder recorder;
+    const auto ended_well = [&](const char* what) {
+        EXPECT_EQ(recorder.events, Events{"complete"}) << what;
+        EXPECT_EQ(recorder.status, S3StatusOK) << what;
+        recorder = Recorder();
+    };
+    server_.then(reply(200, {{"ETag", "\"e\""}}, "hello"));
+    const S3GetObjectHandler get_handler{end, nullptr};
+    S3_get_object(&where, "key", nullptr, 0, 0, nullptr, 0, &get_handler, &recorder);
+    ended_well("get");
+    server_.then(reply(200, {}, "<ListBucketResult><Contents><Key>k</Key></Contents></ListBucketResult>"));
+    const S3ListBucketHandler list_handler{end, nullptr};
+    S3_list_bucket(&where, nullptr, nullptr, nullptr, 0, nullptr, 0, &list_handler, &recorder);
+    ended_well("list");
+    server_.then(reply(200, {},
+                       "<ListAllMyBucketsResult><Buckets><Bucket><Name>b</Name></Bucket></Buckets>"
+                       "</ListAllMyBucketsResult>"));
+    const S3ListServiceHandler service_handler{end, nullptr};
+    S3_list_service(S3ProtocolHTTP, "A", "S", nullptr, nullptr, nullptr, nullptr, 0, &service_handler,
+                    &recorder);
+    ended_well("service");
+    server_.then(reply(
+        200, {}, "<InitiateMultipartUploadResult><UploadId>i</UploadId></InitiateMultipartUploadResult>"));
+    const S3MultipartInitialHandler initial_handler{end, nullptr};
+    S3_initiate_multipart(&where, "key", nullptr, &initial_handler, nullptr, 0, &recorder);
+    ended_well("initiate");
+    server_.then(reply(200, {}, "<ListPartsResult></ListPartsResult>"));
+    const S3ListPartsHandler parts_handler{end, nullptr};
+    S3_list_parts(&where, "key", nullptr, "id", nullptr, 0, nullptr, 0, &parts_handler, &recorder);
+    ended_well("parts");
+    server_.then(reply(200, {}, "<ListMultipartUploadsResult></ListMultipartUploadsResult>"));
+    const S3ListMultipartUploadsHandler uploads_handler{end, nullptr};
+    S3_list_multipart_uploads(&where, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, 0,
+                              &uploads_handler, &recorder);
+    ended_well("uploads");
+    server_.then(reply(200, {}, "<CompleteMultipartUploadResult></CompleteMultipartUploadResult>"));
+    const S3MultipartCommitHandler commit_handler{end, nullptr, nullptr};
+    S3_complete_multipart_upload(&where, "key", &commit_handler, "id", 0, nullptr, 0, &recorder);
+    ended_well("commit");
+    server_.then(reply(200, {}, R"({"user_id":"u","keys":[]})"));
+    const RGUserInfoHandler user_handler{end, nullptr};
+    RG_get_user_info(&where, "u", nullptr, &user_handler, &recorder);
+    ended_well("user");
+    // A body that nobody gives cannot be sent.
+    const S3PutObjectHandler put_handler{end, nullptr};
+    S3_put_object(&where, "key", 1, nullptr, nullptr, 0, &put_handler, &recorder);
+    EXPECT_EQ(recorder.status, S3StatusErrorIncompleteBody);
 }
 
 TEST_F(ObjectCalls, PutSendsWhatThePropertiesSay) {
@@ -146,6 +211,21 @@ TEST_F(ObjectCalls, EveryCannedAclHasItsName) {
     }
 }
 
+TEST_F(ObjectCalls, WhatAHeaderCannotSayIsLeftOut) {
+    server_.then(reply(200));
+    const S3NameValue no_value{"Empty", nullptr};
+    S3PutProperties properties = s3test::no_properties();
+    properties.contentType = "";
+    properties.expires = 253402300800;  // the year 10000
+    properties.metaData = &no_value;
+    properties.metaDataCount = 1;
+    EXPECT_EQ(put("key", "x", &properties).status, S3StatusOK);
+    const auto request = server_.requests()[0];
+    EXPECT_FALSE(request.headers.contains("content-type"));
+    EXPECT_FALSE(request.headers.contains("expires"));
+    EXPECT_TRUE(request.headers.contains("x-amz-meta-empty"));
+}
+
 TEST_F(ObjectCalls, EmptyPutAsksForNoBytes) {
     server_.then(reply(200));
     Recorder recorder;
@@ -179,6 +259,12 @@ TEST_F(ObjectCalls, RefusedBeforeSending) {
     EXPECT_EQ(with_properties([&](auto& p) { p.metaData = &bad_name, p.metaDataCount = 1; }),
               S3StatusBadMetaData);
     EXPECT_EQ(with_properties([&](auto& p) { p.metaData = &bad_value, p.metaDataCount = 1; }),
+              S3StatusBadMetaData);
+    const S3NameValue no_name{nullptr, "v"};
+    const S3NameValue empty_name{"", "v"};
+    EXPECT_EQ(with_properties([&](auto& p) { p.metaData = &no_name, p.metaDataCount = 1; }),
+              S3StatusBadMetaData);
+    EXPECT_EQ(with_properties([&](auto& p) { p.metaData = &empty_name, p.metaDataCount = 1; }),
               S3StatusBadMetaData);
     const std::pair<const char*, S3Status> names[] = {
         {nullptr, S3StatusInvalidBucketNameTooShort},
@@ -471,6 +557,32 @@ TEST_F(ObjectCalls, ARedirectsQueryIsKeptWhole) {
         .then(reply(200, {}, "data"));
     EXPECT_EQ(get("key").data, "data");
     EXPECT_EQ(server_.requests()[1].target, "/other?flag&a=1%2B1&b=x%3Dy");
+}
+
+TEST_F(ObjectCalls, RedirectsAreReadAsTheyMayBeWritten) {
+    struct Form {
+        int status;
+        std::string location;
+        std::string target;  // empty: not followed
+    };
+    for (const auto& [status, location, target] : std::vector<Form>{
+             {308, "/other", "/other"},
+             {307, "HTTP://" + host_ + "/other", "/other"},
+             {307, "http://" + host_, "/"},
+             {307, "http://" + host_ + "?x=1", "/?x=1"},
+             {301, "/other", ""},
+             {307, "//" + host_ + "/other", ""},
+             {307, "other", ""},
+             {307, "http://", ""},
+         }) {
+        SCOPED_TRACE(location);
+        server_.then(reply(status, {{"Location", location}}));
+        if (!target.empty()) server_.then(reply(200));
+        const Recorder got = get("key");
+        EXPECT_EQ(got.status == S3StatusOK, !target.empty()) << got.status;
+        EXPECT_EQ(server_.requests().back().target, target.empty() ? "/bucket/key" : target);
+        EXPECT_EQ(server_.steps_left(), 0u);
+    }
 }
 
 TEST_F(ObjectCalls, RedirectsElsewhereAreReported) {

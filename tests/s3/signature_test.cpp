@@ -102,6 +102,24 @@ TEST(Dates, Iso8601IsUtc) {
     for (const char* bad : {"", "yesterday", "2013-05-24", "2013-13-24T00:00:00Z", "2013-05-24T00:00:00.Z",
                             "2013-05-24T00:00:00Zx", "2013-05-24T25:00:00Z"})
         EXPECT_EQ(s3::parse_iso8601(bad), -1) << bad;
+
+    EXPECT_EQ(s3::parse_iso8601(" 2013-05-23T18:30:00-05:30\n"), 1369353600);
+    EXPECT_EQ(s3::parse_iso8601("2013-05-24T01:00:00.123456+0100"), 1369353600);
+    EXPECT_EQ(s3::parse_iso8601("2012-06-30T23:59:60Z"), 1341100800) << "a leap second";
+    const std::string whole = "2013-05-24T00:00:00";
+    for (size_t size = 0; size < whole.size(); ++size)
+        EXPECT_EQ(s3::parse_iso8601(whole.substr(0, size)), -1) << size;
+    for (size_t at = 0; at < whole.size(); ++at) {
+        std::string wrong = whole;
+        wrong[at] = 'x';
+        EXPECT_EQ(s3::parse_iso8601(wrong), -1) << wrong;
+    }
+    for (const char* bad :
+         {"2013-00-24T00:00:00Z", "2013-05-00T00:00:00Z", "2013-05-32T00:00:00Z", "2013-05-24T24:00:00Z",
+          "2013-05-24T00:60:00Z", "2013-05-24T00:00:61Z", "2013-05-24T00:00:00.xZ",
+          "2013-05-24T00:00:00*02:00", "2013-05-24T00:00:00+2:00", "2013-05-24T00:00:00+02:0",
+          "2013-05-24T00:00:00+02:00Z", "2013-05-24T00:00:0002:00"})
+        EXPECT_EQ(s3::parse_iso8601(bad), -1) << bad;
 }
 
 TEST(Dates, HttpDates) {
@@ -118,6 +136,9 @@ TEST(Digests, KnownValues) {
     EXPECT_EQ(s3::from_hex("00fF"), std::string("\x00\xff", 2));
     EXPECT_FALSE(s3::from_hex("0"));
     EXPECT_FALSE(s3::from_hex("zz"));
+    EXPECT_FALSE(s3::from_hex("0z"));
+    EXPECT_FALSE(s3::from_hex("/0"));
+    EXPECT_FALSE(s3::from_hex("G0"));
 }
 
 TEST(ETags, Quotes) {
@@ -126,6 +147,11 @@ TEST(ETags, Quotes) {
     EXPECT_EQ(s3::quoted_etag(""), "");
     EXPECT_EQ(s3::unquoted_etag("\"abc\""), "abc");
     EXPECT_EQ(s3::unquoted_etag("abc"), "abc");
+    // Weak ones: their mark is no part of the sum.
+    EXPECT_EQ(s3::quoted_etag("W/\"abc\""), "W/\"abc\"");
+    EXPECT_EQ(s3::unquoted_etag("W/\"abc\""), "abc");
+    EXPECT_EQ(s3::unquoted_etag("\""), "\"");
+    EXPECT_EQ(s3::unquoted_etag("\"abc"), "\"abc");
 }
 
 }  // namespace

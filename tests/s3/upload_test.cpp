@@ -242,6 +242,59 @@ TEST_F(Uploads, RedirectsOfAnUntouchedBodyAreFollowedInsideTheStore) {
     EXPECT_TRUE(server_.requests()[1].body == recorder.body);
 }
 
+TEST_F(Uploads, TheCallersLimitEndsTheResends) {
+    S3_set_option(S3OptionRetryPauseMs, 60000);
+    server_.then(reply(503));
+    Recorder recorder;
+    recorder.body = "hello";
+    const S3BucketContext where = context();
+    S3_put_object(&where, "key", 5, nullptr, nullptr, 9000, &s3test::kPut, &recorder);
+    EXPECT_EQ(recorder.status, S3StatusErrorSlowDown);
+    EXPECT_EQ(server_.requests().size(), 1u);
+}
+
+// A callback that says more than there was room for has written where it must not.
+TEST(UploadBody, MoreThanTheRoomIsAFailureAndStaysOne) {
+    int asked = 0;
+    const auto too_much = [](int room, char*, void* data) {
+        ++*static_cast<int*>(data);
+        return room + 1;
+    };
+    std::vector<char> out(kMiB);
+    s3::UploadBody large(too_much, &asked, 3 * kMiB);
+    EXPECT_EQ(large.read(out.data(), out.size()), -1);
+    EXPECT_EQ(large.failure(), S3StatusAbortedByCallback);
+    EXPECT_EQ(large.read(out.data(), out.size()), -1);
+    EXPECT_EQ(asked, 1) << "not asked again";
+    s3::UploadBody large_by_pieces(too_much, &asked, 3 * kMiB);
+    EXPECT_EQ(large_by_pieces.read(out.data(), 100), -1);
+    EXPECT_EQ(large_by_pieces.failure(), S3StatusAbortedByCallback);
+
+    asked = 0;
+    s3::UploadBody small(too_much, &asked, 100);
+    EXPECT_EQ(small.read_ahead(), S3StatusAbortedByCallback);
+    EXPECT_EQ(small.read_ahead(), S3StatusAbortedByCallback);
+    EXPECT_EQ(small.read(out.data(), out.size()), -1);
+    EXPECT_EQ(asked, 1);
+}
+
+TEST(UploadBody, WhatIsGoneCannotBeginAgain) {
+    const auto fill = [](int room, char* buffer, void*) {
+        std::memset(buffer, 'x', static_cast<size_t>(room));
+        return room;
+    };
+    std::vector<char> out(kMiB);
+    s3::UploadBody large(fill, nullptr, 3 * kMiB);
+    EXPECT_TRUE(large.rewind());
+    EXPECT_GT(large.read(out.data(), out.size()), 0);
+    EXPECT_FALSE(large.rewind());
+    s3::UploadBody small(fill, nullptr, 100);
+    EXPECT_EQ(small.read(out.data(), out.size()), 100);
+    EXPECT_TRUE(small.rewind());
+    EXPECT_EQ(small.read(out.data(), out.size()), 100);
+    EXPECT_EQ(small.read(out.data(), out.size()), 0);
+}
+
 TEST(UploadBody, OddlySmallRoomGoesThroughThePrivateBuffer) {
     Recorder recorder;
     recorder.body = pattern(2 * kMiB + 100);
