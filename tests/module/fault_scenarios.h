@@ -40,6 +40,8 @@ struct Scenario {
     std::function<void(Campaign&, const Operation&, const S3Fault*)> undone;
     /// Part of the error with which it ends although nothing fails; "" = it succeeds.
     std::string refusal;
+    /// Something that fails may take away what it is refused for.
+    bool may_pass = false;
     /// Whether the failure of that S3 call may be, by the rules of the operation, none of the operation's.
     std::function<bool(const S3Fault&)> tolerates;
     /// An upload's entry: it tells a failed set-up twice.
