@@ -250,6 +250,7 @@ TEST_F(CommandDeathTest, ChecksumWithoutPathOrAlgorithm) {
                  "Assertion cmd_info->cksm_alg != NULL failed in file checksum at line [0-9]+\n");
     const zorvan_gridftp_server_command_info_t neither{cksm, nullptr, 0, -1, nullptr, nullptr};
     EXPECT_DEATH(iface->command(&op, &neither, session), "Assertion cmd_info->pathname != NULL failed");
+    EXPECT_DEATH(iface->command(&op, &neither, nullptr), "Assertion s3_handle != NULL failed");
     op.finishes.emplace_back();
 }
 

@@ -133,6 +133,18 @@ TEST_F(RecvMultipartFaults, FailureAfterDataWereTakenIsFinal) {
     EXPECT_EQ(parts().size(), 2u);
 }
 
+TEST_F(RecvMultipartFaults, NothingIsGivenBehindTheLastPart) {
+    // The last part is whole: the offset behind its last byte is no part's.
+    s3_on_call(S3Kind::upload_part, 2, reply_of(S3StatusOK, 10'000));
+    const auto data = bytes(200);
+    Operation op;
+    upload(op, data);
+    ASSERT_EQ(parts().size(), 2u);
+    EXPECT_EQ(parts()[1].body, data.substr(100));
+    EXPECT_EQ(parts()[1].pulls.back(), 0);
+    expect_not_stored();
+}
+
 TEST_F(RecvMultipartFaults, ListingOfUploadsThatFailsOnALaterPageAbortsNothingMore) {
     s3_page_size(1);
     s3_upload("b", "dir/f", "2~a", 1);

@@ -357,6 +357,8 @@ TEST_F(StartCeph, FailingThreadIsReported) {
     expect_system(finish.error, "zorvan_thread_create", EAGAIN);
     EXPECT_EQ(finish.session_handle, nullptr);
     EXPECT_TRUE(s3_calls(S3Kind::user_info).empty());
+    EXPECT_LT(log_text().find("zorvan_i_s3_destroy: exit\n"), log_text().find("zorvan_i_ceph_start: result="))
+        << "everything is released when the failure is told";
 }
 
 TEST_F(StartCeph, FailingThreadWithAPolicyIsReported) {
@@ -518,6 +520,15 @@ TEST_F(StartCeph, KeysOfOthersAloneAreNoKeys) {
     activate();
     s3_user("alice", {{"Alice", "A1", "S1"}, {"alice:sub", "A2", "S2"}});
     expect_no_key(run());
+}
+
+TEST_F(StartCeph, ShortestFieldsAreTaken) {
+    activate();
+    s3_user("u", {{"u", "a", "s"}});
+    const auto finish = run(std::nullopt, "u");
+    ASSERT_EQ(finish.result, ZORVAN_SUCCESS);
+    EXPECT_STREQ(handle_of(finish).access_key_id, "a");
+    EXPECT_STREQ(handle_of(finish).secret_access_key, "s");
 }
 
 TEST_F(StartCeph, LongestFieldsAreTaken) {

@@ -147,6 +147,18 @@ TEST_F(StatObjects, PlaceholderIsADirectory) {
     EXPECT_LT(log_text().find("trying to use the aws key"), log_text().find("key=dir/) try=0"));
 }
 
+TEST_F(StatObjects, FailedRequestsAreLogged) {
+    s3_object("b", "dir/k", "1");
+    s3_fail(S3Kind::head_object, 1, S3StatusErrorAccessDenied);
+    auto op = stat("/b/dir", true);
+    EXPECT_TRUE(
+        logged("DEBUG", "S3_head_object: op=" + pointer_text(op.get()) + " status=ErrorAccessDenied[49]"));
+    s3_fail(S3Kind::list_bucket, 1, S3StatusErrorAccessDenied);
+    op = stat("/b/dir", false);
+    EXPECT_TRUE(
+        logged("DEBUG", "S3_list_bucket: op=" + pointer_text(op.get()) + " status=ErrorAccessDenied[49]"));
+}
+
 TEST_F(StatObjects, ObjectsBelowMakeADirectory) {
     s3_object("b", "dir/file", "1");
     auto op = stat("/b/dir", true);
