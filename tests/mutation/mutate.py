@@ -41,6 +41,7 @@ LIKELY = {
     "checksum": "ChecksumCommand*:KeylessCommand*",
     "checksum_cache": "Checksum*:EtagMd5*:RecvMultipart.*:Send*",
     "collection_policy": "Policy*:StartCeph*",
+    "collection_policy": "ConfigParse*:Policy*:StartCeph*",
     "command": "Command*:Steps*:Mkdir*:Delete*",
     "config_parse": "ConfigParse*:ModuleBase*",
     "delete": "Delete*:Steps*:Command*",
