@@ -113,7 +113,7 @@ def check_includes(name, text, headers):
     if name.suffix not in C_SUFFIXES:
         return
     mine = folder_of(name)
-    visible = {mine} if mine else set()
+    visible = {mine or name.parts[0]}
     if name.parts[0] == "tests" and len(name.parts) > 2:
         visible = TESTED.get(name.parts[1], set())
     for number, line in enumerate(text.split("\n"), start=1):
