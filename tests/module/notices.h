@@ -10,7 +10,7 @@
 namespace module_test {
 
 /// Runs at each call that the module makes of its surroundings, in the calling thread, with the call's name
-/// as in the call trace. Ends with trace_reset().
+/// as in the call trace. Ends with an empty one and with trace_reset().
 void at_each_call(std::function<void(std::string_view)> hook);
 
 /// In a process that is about to die: lines of level INFO go to standard error, in order with the

@@ -156,6 +156,7 @@ TEST_F(Stat, Exactly32EntriesArePartialAndTheFinalCallIsEmpty) {
         if (call == "finished_stat_partial") before = log_text();
     });
     auto op = stat("/b", false);
+    at_each_call(nullptr);
     EXPECT_EQ(op->entries.size(), 32u);
     EXPECT_EQ(op->partial_batches, std::vector<int>{32});
     EXPECT_EQ(op->last_batch, 0);
