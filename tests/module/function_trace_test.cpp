@@ -185,10 +185,11 @@ TEST_F(FunctionTrace, AnOutcomeIsToldBeforeTheHostHasItAndThenOnlyTheWayOut) {
             const auto function = "zorvan_" + std::string(entry ? "i_" : "l_") + each.area + "_" + each.name;
             const auto line = (entry ? "s3: ERROR: " + function : "s3:  INFO: " + function + "_thread");
             EXPECT_NE(before.find(line + ": " + outcome), std::string::npos) << before;
-            if (how == How::is_refused)
+            if (how == How::is_refused) {
                 EXPECT_LT(before.rfind("zorvan_i_S3Error_to_error: exit\n"),
                           before.rfind("_complete: exit status="))
                     << "a handler tells its status at its end";
+            }
             for (std::string told; std::getline(later, told);)
                 EXPECT_TRUE(told.starts_with("s3: TRACE: ") &&
                             (told.ends_with(": enter") || told.find(": exit") != std::string::npos))
