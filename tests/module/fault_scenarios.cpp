@@ -318,6 +318,9 @@ Check stored(const std::string& key, const std::string& data) {
         const auto* object = s3_find("b", key);
         ASSERT_NE(object, nullptr);
         EXPECT_EQ(object->data, data);
+        for (const auto& [name, value] : object->properties.metadata) {
+            EXPECT_TRUE(name != "mtime" || value == "1700000000") << value;
+        }
         const bool kept = fault != nullptr && fault->kind == S3Kind::abort_multipart;
         EXPECT_TRUE(kept || s3_upload_ids("b").empty()) << "an upload in progress is left";
         int64_t received = 0;

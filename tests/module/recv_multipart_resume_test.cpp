@@ -203,6 +203,24 @@ TEST_F(RecvMultipartResume, PartsOverManyPages) {
 // ------------------------------------------------------------------------------------------- what does not
 // fit
 
+TEST_F(RecvMultipartResume, MarkerThatCannotBeCopiedIsTheMallocErrorAndStatus2) {
+    const auto data = bytes(300);
+    s3_upload("b", "dir/f", "2~old", 5);
+    Reply page;
+    page.parts = {{1, part, "\"e1\""}};
+    page.truncated = true;
+    page.next_part = "1";
+    page.before = [] { fail_allocation(1); };
+    page.after = [] { fail_allocation(0); };
+    s3_script(S3Kind::list_parts, page);
+    Operation op;
+    resume(op, data, 100);
+    expect_system(op.finish().error, "malloc", ENOMEM);
+    EXPECT_EQ(s3_calls(S3Kind::list_parts).at(0).status, S3StatusOutOfMemory);
+    EXPECT_EQ(s3_calls(S3Kind::list_parts).size(), 1u);
+    EXPECT_EQ(s3_upload_ids("b").size(), 1u);
+}
+
 TEST_F(RecvMultipartResume, PartsThatDoNotFit) {
     s3_upload("b", "dir/f", "2~old", 5);
     const std::string size = "Existing MPU has incorrect part size.";
