@@ -566,6 +566,19 @@ TEST_F(RecvSingle, BufferThatCannotBeAllocatedAtTheBeginning) {
     EXPECT_TRUE(puts().empty());
 }
 
+TEST_F(RecvSingle, PathThatCannotBeCopied) {
+    Operation op;
+    const std::string path = "/b/" + std::string(5000, 'p');
+    fail_allocations_from(path.size());
+    upload(op, "abc", path);
+    fail_allocations_from(0);
+    ASSERT_EQ(op.finishes.size(), 2u) << "once by the set-up, once by the entry";
+    expect_system(op.finishes[0].error, "malloc", ENOMEM);
+    EXPECT_EQ(op.begin_transfers, 0);
+    EXPECT_EQ(op.accepted, 0) << "nothing is taken in";
+    EXPECT_TRUE(puts().empty());
+}
+
 // --------------------------------------------------------------------------------------- keys and paths
 
 TEST_F(RecvSingle, BucketPathHasANullKeyAndIsNoCrash) {
