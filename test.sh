@@ -88,8 +88,8 @@ has_unit_tests() {
   [ "$1" != release ] || [ -n "$quick" ]
 }
 
-# What is installed, what the checks of the layers look at, and the program that end-to-end tests run besides.
-product=(common/all s3/all server/all src/all client/all devstore/all zorvan_s3_tests)
+# What is installed, what the checks of the layers look at, and the programs that end-to-end tests run besides.
+product=(common/all s3/all server/all src/all client/all devstore/all bench/all zorvan_s3_tests)
 
 # build_preset PRESET: everything, or what the wanted suites need. A build that fails is a failure, and the preset's tests are not run.
 build_preset() {

@@ -69,7 +69,7 @@ def arguments():
 
 def check_programs(options):
     for path in (options.build / "bin/zorvan-gridftp-server", options.build / "lib/libzorvan_gridftp_server_ceph.so",
-                 options.build / "bin/zorvan-copy"):
+                 options.build / "bin/zorvan-copy", options.build / "bin/zorvan-md5-cost"):
         if not path.exists():
             raise BenchError(f"{path} is missing: build first, or name the build with --build")
     for program in ("curl", "mkpasswd", "cmp"):
