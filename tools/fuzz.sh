@@ -3,7 +3,7 @@
 #
 # usage: tools/fuzz.sh [--build DIR] [--seconds N] [--runs N] [--jobs N] [--keep DIR] [TARGET...]
 #   --build DIR   the build with the programs (default: build/fuzz)
-#   --seconds N   how long each target runs at most (default: 20)
+#   --seconds N   how long each target runs at most (default: 10)
 #   --runs N      inputs of each target at most (default: 100000), so that a fast machine repeats what a slow one did
 #   --jobs N      how many at a time (default: one per processor)
 #   --keep DIR    where the inputs that broke something go, and the logs (default: build/results)
@@ -15,7 +15,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build=build/fuzz seconds=20 runs=100000 keep=build/results targets=()
+build=build/fuzz seconds=10 runs=100000 keep=build/results targets=()
 jobs=$(nproc)
 while (($# > 0)); do
     case $1 in
