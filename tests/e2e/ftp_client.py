@@ -149,6 +149,17 @@ class FtpClient:
         """MLSD as {name: {fact: value}}, fact names in lower case."""
         return dict(parse_facts(line) for line in self.listing("MLSD", path))
 
+    def begin_store(self, path, content, allocate=None, rest=None):
+        """The open data connection of an upload over which `content` has gone; `allocate`: the bytes to come, None: unannounced."""
+        if allocate is not None:
+            self.expect(200, f"ALLO {allocate}")
+        if rest:
+            self.expect(350, f"REST {rest}")
+        data = self.open_data()
+        self.expect(150, _join("STOR", path))
+        data.sendall(content)
+        return data
+
     def store(self, path, content, allocate=None, command="STOR"):
         """An upload. Returns the last reply: 226, or what refused it. A reset data connection is left to the reply."""
         if allocate is not None:

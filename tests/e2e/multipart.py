@@ -24,20 +24,9 @@ def parts_of(s3, bucket, key="file"):
     return {part["PartNumber"]: part for part in parts}
 
 
-def begin(ftp, bucket, content, announced, offset=0, key="file"):
-    """Sends the beginning of an announced upload and leaves the data connection open. `announced`: the bytes to come."""
-    ftp.expect(200, f"ALLO {announced}")
-    if offset:
-        ftp.expect(350, f"REST {offset}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/{key}")
-    data.sendall(content)
-    return data
-
-
 def interrupt(ftp, bucket, content, stored_parts, parts):
     """An upload whose client resets its connection after so many parts were stored."""
-    data = begin(ftp, bucket, content[:parts * PART + 1000], len(content))
+    data = ftp.begin_store(f"/{bucket}/file", content[:parts * PART + 1000], len(content))
     wait_for(lambda: len(stored_parts(bucket, "file")) == parts, f"{parts} parts are stored", 60)
     ftp.reset(data)
     assert ftp.read_reply().code in BROKEN

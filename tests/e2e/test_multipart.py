@@ -6,7 +6,7 @@ import hashlib
 import pytest
 
 from gateway import shared_server
-from multipart import BROKEN, PART, begin, interrupt, restart
+from multipart import BROKEN, PART, interrupt, restart
 from stores import random_bytes
 from waiting import wait_for
 
@@ -108,7 +108,7 @@ def refused_as_too_large(ftp, bucket, size, offset=0):
 
 def begins(ftp, bucket, size, uploads):
     """Such an upload is begun, and broken off."""
-    data = begin(ftp, bucket, b"some", size)
+    data = ftp.begin_store(f"/{bucket}/file", b"some", size)
     wait_for(lambda: "file" in uploads(bucket), "the upload is begun", 30)
     ftp.reset(data)
     assert ftp.read_reply().code in BROKEN
@@ -175,7 +175,7 @@ def test_interrupted_again(ftp, bucket, stored, stored_parts):
     content = random_bytes(4 * PART)
     interrupt(ftp, bucket, content, stored_parts, 1)
     for done in (1, 2):
-        data = begin(ftp, bucket, content[done * PART:(done + 1) * PART + 10], len(content) - done * PART, done * PART)
+        data = ftp.begin_store(f"/{bucket}/file", content[done * PART:(done + 1) * PART + 10], len(content) - done * PART, done * PART)
         wait_for(lambda: len(stored_parts(bucket, "file")) == done + 1, "one part more is stored", 60)
         ftp.reset(data)
         assert ftp.read_reply().code in BROKEN

@@ -8,7 +8,7 @@ import botocore.exceptions
 import pytest
 
 from gateway import Gateway, shared_server
-from multipart import PART, begin, interrupt, parts_of, restart, uploads_in
+from multipart import PART, interrupt, parts_of, restart, uploads_in
 from stores import DevStore, random_bytes
 from waiting import wait_for
 
@@ -73,7 +73,7 @@ def resume(ftp, store, s3, bucket, content, kept):
     offset = len(kept) * PART
     if store.name == "devstore":
         store.forget_requests()
-    data = begin(ftp, bucket, content[offset:offset + PART + 10], len(content) - offset, offset)
+    data = ftp.begin_store(f"/{bucket}/file", content[offset:offset + PART + 10], len(content) - offset, offset)
     stored = wait_for(lambda: len(parts := parts_of(s3, bucket)) > len(kept) and parts, "one part more is stored", 60)
     assert {number: stored[number] for number in kept} == kept
     data.sendall(content[offset + PART + 10:])
@@ -109,7 +109,7 @@ def test_killed_server_and_another_in_its_place(fresh_server, bucket, store, s3)
     content = random_bytes(4 * PART + 777)
     first = fresh_server(**QUICK)
     with first.session() as ftp:
-        data = begin(ftp, bucket, content[:2 * PART + HALF], len(content))
+        data = ftp.begin_store(f"/{bucket}/file", content[:2 * PART + HALF], len(content))
         kept = two_parts(s3, bucket)
         first.process.kill()
         assert first.process.wait() == -9
@@ -128,7 +128,7 @@ def test_killed_store(mortal, at_mortal):
     content = random_bytes(4 * PART + 777)
     gateway = at_mortal(**QUICK)
     with gateway.session() as ftp:
-        data = begin(ftp, bucket, content[:2 * PART + HALF], len(content))
+        data = ftp.begin_store(f"/{bucket}/file", content[:2 * PART + HALF], len(content))
         kept = two_parts(s3, bucket)
         mortal.kill()
         try:
@@ -239,7 +239,7 @@ def test_fresh_upload_removes_the_stale_one_first(ftp, bucket, s3, stored_parts)
     content = random_bytes(3 * PART + 5)
     interrupt(ftp, bucket, content, stored_parts, 2)
     stale = uploads_in(s3, bucket)["file"]
-    data = begin(ftp, bucket, content[:PART + 10], len(content))
+    data = ftp.begin_store(f"/{bucket}/file", content[:PART + 10], len(content))
     wait_for(lambda: parts_of(s3, bucket).keys() == {1}, "the fresh upload has a part", 60)
     fresh = uploads_in(s3, bucket)["file"]
     assert len(fresh) == 1 and fresh != stale

@@ -26,21 +26,11 @@ def leave(client, way, *data):
         end(client, way, one)
 
 
-def begin_upload(ftp, bucket, content, announced):
-    """The data connection of an upload of SIZE bytes, announced or not, over which `content` has gone."""
-    if announced:
-        ftp.expect(200, f"ALLO {SIZE}")
-    data = ftp.open_data()
-    ftp.expect(150, f"STOR /{bucket}/file")
-    data.sendall(content)
-    return data
-
-
 def upload_in_silence(ftp, bucket, stored, faults, announced):
     """Upload content that the store then has, but does not say so before its faults are cleared. Returns the content."""
     content = random_bytes(SIZE)
     faults({"stall_before_reply": True}, method="PUT", path="/file$")
-    begin_upload(ftp, bucket, content, announced).close()
+    ftp.begin_store(f"/{bucket}/file", content, SIZE if announced else None).close()
     wait_for(lambda: stored(bucket, "file") == content, "the store has it all")
     return content
 
@@ -174,7 +164,7 @@ def test_in_an_upload(login, server, bucket, s3, stored, way, announced, sent, w
     s3.put_object(Bucket=bucket, Key="file", Body=b"old")
     ftp = login()
     content = random_bytes(SIZE)
-    data = begin_upload(ftp, bucket, content[:sent], announced)
+    data = ftp.begin_store(f"/{bucket}/file", content[:sent], SIZE if announced else None)
     ended_well = way == "end" and which != "control" and (sent == SIZE or not announced)
     if which == "both":
         leave(ftp, way, data)
@@ -283,7 +273,7 @@ def test_abort_in_a_download(ftp, bucket, sample, store, faults):
 def test_abort_in_an_upload(ftp, bucket, s3, stored, announced, sent):
     s3.put_object(Bucket=bucket, Key="file", Body=b"old")
     content = random_bytes(SIZE)
-    data = begin_upload(ftp, bucket, content[:sent], announced)
+    data = ftp.begin_store(f"/{bucket}/file", content[:sent], SIZE if announced else None)
     ftp.send("ABOR")
     assert [final_reply(ftp).code, final_reply(ftp).code] == [426, 226]
     data.close()
