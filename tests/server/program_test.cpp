@@ -183,6 +183,10 @@ TEST_F(Program, AHangUpBeginsTheLogFileAnew) {
     write_config("memory", "[log]\nfile = \"log\"\n");
     start({"--config", path("s.toml")});
     const std::uint16_t port = wait_for_port();
+    // The port is told before the log is.
+    ASSERT_TRUE(wait_for([this] {
+        return read_file(folder_ / "log").find("listening on") != std::string::npos;
+    })) << output();
     fs::rename(folder_ / "log", folder_ / "log.1");
     ASSERT_EQ(::kill(child_, SIGHUP), 0);
     ASSERT_TRUE(wait_for([this] { return fs::exists(folder_ / "log"); })) << output();
