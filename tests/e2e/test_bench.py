@@ -7,11 +7,10 @@ import signal
 import statistics
 import subprocess
 import sys
+import threading
 from pathlib import Path
 
 import pytest
-
-from waiting import wait_for
 
 BENCH = Path(__file__).resolve().parent.parent.parent / "bench"
 TINY = ("--store", "devstore", "--size", "11", "--multipart-size", "5", "--session-size", "1", "--files", "8", "--names", "1100")
@@ -36,6 +35,19 @@ def bench(tmp_path, binaries):
             process.communicate(timeout=60)
     assert not list(tmp_path.glob("zorvan-bench.*")), "the harness left files behind"
     assert not processes_below(tmp_path), "the harness left processes behind"
+
+
+def wait_for_line(process, text):
+    """Reads what the harness says until a line with a text; fails with what it said when it ends before, or takes a minute."""
+    bound = threading.Timer(60, process.kill)
+    bound.start()
+    try:
+        said = [process.stderr.readline()]
+        while text not in said[-1]:
+            assert said[-1], f"it ended before it said {text!r}: {''.join(said)}"
+            said.append(process.stderr.readline())
+    finally:
+        bound.cancel()
 
 
 def processes_below(folder):
@@ -82,7 +94,7 @@ def test_every_case_fills_its_rows(bench, tmp_path):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_an_interrupt_ends_it_cleanly(bench, number, tmp_path):
     process = bench(*TINY, "--rounds", "100000", "--cases", "small8")
-    wait_for(lambda: "gateway" in process.stderr.readline(), "the gateway has its turn")
+    wait_for_line(process, "gateway")
     assert any("zorvan-gridftp-server" in line for line in processes_below(tmp_path))
     process.send_signal(number)
     errors = process.communicate(timeout=60)[1]
