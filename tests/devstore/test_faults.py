@@ -1,7 +1,7 @@
 """Scripted faults: each does what it says, as often as it says, and nothing else."""
 
 import http.client
-import threading
+import time
 import urllib.error
 
 import pytest
@@ -205,21 +205,17 @@ def test_withheld_continue(store, bucket):
     assert store.log()[-1]["continue"] is False
 
 
-def test_delay_keeps_the_order_of_things(store, key):
-    """The delayed request is answered after one that was begun later."""
-    store.fault({"delay_ms": 1500}, query="late")
-    answered = []
-
-    def ask(target):
-        assert store.raw("GET", target).status == 200
-        answered.append(target)
-
-    late = threading.Thread(target=ask, args=(key + "?late",))
-    late.start()
-    wait_until(lambda: any("late" in e["query"] for e in store.log()))
-    ask(key)
-    late.join()
-    assert answered == [key, key + "?late"]
+def test_delay(store, key):
+    """The delayed request is answered late, and keeps nobody else waiting."""
+    store.fault({"delay_ms": 600000}, query="held")
+    store.fault({"delay_ms": 300}, query="late")
+    with Peer(store) as peer:
+        peer.head("GET", key + "?held", store.signed("GET", key + "?held"))
+        wait_until(lambda: any("held" in e["query"] for e in store.log()))
+        began = time.monotonic()
+        assert store.raw("GET", key + "?late").status == 200
+        assert time.monotonic() - began >= 0.3
+        assert [e["outcome"] for e in store.log() if "held" in e["query"]] == ["running"]
 
 
 @pytest.mark.parametrize(

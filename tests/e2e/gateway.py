@@ -182,6 +182,16 @@ class Gateway:
                 names.append(target)
         return names
 
+    def spooled_bytes(self):
+        """How much of all uploads is in the spool's files: what does not fit into memory."""
+        found = 0
+        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
+            link = f"/proc/{self.process.pid}/fd/{name}"
+            with contextlib.suppress(FileNotFoundError):
+                if os.readlink(link).startswith(str(self.spool)):
+                    found += os.stat(link).st_size
+        return found
+
     def open_files(self):
         """How many regular files, pipes and event handles are open: everything but sockets and the spool."""
         count = 0
@@ -218,8 +228,8 @@ class Gateway:
 
     def wait_idle(self):
         """Returns when no session, data connection or spool file is left; fails when that does not come to pass."""
-        wait_for(self._without_client_sockets, f"no client socket is left ({self.client_sockets()})", 20)
-        wait_for(lambda: not self.spool_files(), f"no spool file is left ({self.spool_files()})", 12)
+        wait_for(self._without_client_sockets, f"no client socket is left ({self.client_sockets()})")
+        wait_for(lambda: not self.spool_files(), f"no spool file is left ({self.spool_files()})")
 
 
 @contextlib.contextmanager
@@ -237,7 +247,7 @@ def shared_server(binaries, store, **options):
     with gateway.session() as last:
         last.quit()
     gateway.wait_idle()
-    assert gateway.open_files() <= files, "files, pipes or event handles were left open"
+    wait_for(lambda: gateway.open_files() <= files, "no files, pipes or event handles are left open")
     gateway.stop()
     text = gateway.log_text()
     for secret in [*gateway.passwords.values(), *(pair[1] for pairs in store.users.values() for pair in pairs)]:

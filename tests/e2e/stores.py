@@ -89,9 +89,9 @@ class DevStore(Store):
         with open(self.log, "wb") as log:
             self.process = subprocess.Popen([*self._command, "--listen", listen, "--control", control],
                                             stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        self.endpoint = wait_for(self._announced, "the dev store says where it listens", 30)
+        self.endpoint = wait_for(self._announced, "the dev store says where it listens")
         file = self._control_file
-        port = wait_for(lambda: file.exists() and file.read_text(), "control port", 30)
+        port = wait_for(lambda: file.exists() and file.read_text(), "control port")
         self.control = "http://127.0.0.1:" + re.findall(r"\d+", port)[-1]
 
     def kill(self):

@@ -259,7 +259,7 @@ class TestLong:
             return [entry for entry in store.requests() if entry["method"] == "GET" and entry["path"].endswith("/file")
                     and entry["outcome"] == "running"]
 
-        wait_for(lambda: len(running()) == count, f"{count} downloads are running", 10)
+        wait_for(lambda: len(running()) == count, f"{count} downloads are running")
 
     def begin(self, store, client, path, running, line="CKSM MD5 0 -1 "):
         client.send(line + path)
@@ -278,8 +278,8 @@ class TestLong:
         path, content = slow()
         ftp = client()
         store.forget_requests()
-        began = time.monotonic()
         self.begin(store, ftp, path, 1)
+        began = time.monotonic()
         wait_for(lambda: time.monotonic() > began + 2, "the interval is over")
         store.clear_faults()
         numbers = []
@@ -295,8 +295,8 @@ class TestLong:
         path, content = slow()
         ftp = client()
         store.forget_requests()
-        began = time.monotonic()
         self.begin(store, ftp, path, 1, line)
+        began = time.monotonic()
         wait_for(lambda: time.monotonic() > began + 2, "the interval is over")
         store.clear_faults()
         assert md5(content) in ftp.read_reply().text

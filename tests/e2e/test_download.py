@@ -140,13 +140,14 @@ def test_client_gone_in_the_middle(ftp, bucket, s3):
     assert ftp.expect(213, f"SIZE /{bucket}/big").last == str(24 << 20)
 
 
-def test_control_connection_gone_in_the_middle(ftp, login, bucket, s3):
+def test_control_connection_gone_in_the_middle(ftp, server, login, bucket, s3):
     s3.put_object(Bucket=bucket, Key="big", Body=random_bytes(24 << 20))
     data = ftp.open_data(receive_buffer=65536)
     ftp.expect(150, f"RETR /{bucket}/big")
     assert data.recv(1000)
     ftp.reset(ftp.socket)
     with data:
+        server.wait_idle()
         # What was under way may still come, but not the whole object: nobody is there to be told that it ended well.
         received = 0
         try:

@@ -109,7 +109,7 @@ def refused_as_too_large(ftp, bucket, size, offset=0):
 def begins(ftp, bucket, size, uploads):
     """Such an upload is begun, and broken off."""
     data = ftp.begin_store(f"/{bucket}/file", b"some", size)
-    wait_for(lambda: "file" in uploads(bucket), "the upload is begun", 30)
+    wait_for(lambda: "file" in uploads(bucket), "the upload is begun")
     ftp.reset(data)
     assert ftp.read_reply().code in BROKEN
 
@@ -222,7 +222,7 @@ def test_fresh_upload_aborts_stale_ones_of_its_key_alone(ftp, bucket, s3, stored
 def test_of_several_uploads_the_newest_is_resumed(ftp, bucket, s3, stored, uploads, stored_parts):
     s3.create_multipart_upload(Bucket=bucket, Key="file")
     content = random_bytes(2 * PART + 5)
-    wait_for(lambda: uploads(bucket).get("file"), "the older upload is listed", 30)
+    wait_for(lambda: uploads(bucket).get("file"), "the older upload is listed")
     older = uploads(bucket)["file"]
     interrupt(ftp, bucket, content, stored_parts, 1)
     assert uploads(bucket)["file"] != older, "the fresh upload has aborted the older one"

@@ -3,7 +3,7 @@
 import time
 
 
-def wait_for(condition, what, seconds=30.0):
+def wait_for(condition, what, seconds=60.0):
     """Returns the first true value of `condition()`; an assertion that names `what` fails when there is none in time."""
     end = time.monotonic() + seconds
     while True:

@@ -14,8 +14,10 @@ def works(client, bucket, stored):
     assert sorted(client.listing("NLST", f"/{bucket}/after")) == ["announced", "unannounced"]
 
 
-def settled(gateway, threads, store_sockets):
+def settled(gateway, threads, store_sockets, files=None):
     """Waits until nothing of the clients' is left and the rest is as little as it was."""
     gateway.wait_idle()
-    wait_for(lambda: gateway.threads() <= threads, f"{gateway.threads()} threads are {threads}", 40)
-    wait_for(lambda: gateway.store_sockets() <= store_sockets, f"{store_sockets} connections to the store are left", 40)
+    wait_for(lambda: gateway.threads() <= threads, f"{gateway.threads()} threads are {threads}")
+    wait_for(lambda: gateway.store_sockets() <= store_sockets, f"{store_sockets} connections to the store are left")
+    if files is not None:
+        wait_for(lambda: gateway.open_files() <= files, f"{gateway.open_files()} open files are {files}")

@@ -5,6 +5,7 @@ import threading
 from aftermath import settled, works
 from ftp_client import FtpClient
 from stores import random_bytes
+from waiting import wait_for
 
 SESSIONS = 200
 
@@ -49,7 +50,7 @@ def test_two_hundred_at_once(fresh_server, bucket, stored):
     for number, content in enumerate(contents):
         assert stored(bucket, f"file-{number}") == content
     settled(gateway, threads, 0)
-    assert gateway.descriptors() <= descriptors
+    wait_for(lambda: gateway.descriptors() <= descriptors, f"{gateway.descriptors()} descriptors are {descriptors}")
     with gateway.session() as ftp:
         works(ftp, bucket, stored)
         ftp.quit()
