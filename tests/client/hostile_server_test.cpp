@@ -29,8 +29,8 @@ class HostileServer : public testing::Test {
     exit_status download(const scripted_server::script& script,
                          std::vector<std::string> options = {"--parallel", "2"}) {
         scripted_server server({script});
-        options.insert(options.end(),
-                       {"--timeout", "1", "--final-timeout", "1", server.url("/x"), folder_.path("x")});
+        options.insert(options.end(), {"--timeout", patience_, "--final-timeout", patience_, server.url("/x"),
+                                       folder_.path("x")});
         const auto result = run_client(std::move(options));
         EXPECT_FALSE(folder_.has("x"));
         EXPECT_NE(result.messages.find("zorvan-copy: ("), std::string::npos) << result.messages;
@@ -52,15 +52,19 @@ class HostileServer : public testing::Test {
                        std::vector<std::string> options = {}) {
         folder_.write("x", std::string(size, 'x'));
         scripted_server server({script});
-        options.insert(options.end(),
-                       {"--timeout", "1", "--final-timeout", "1", folder_.path("x"), server.url("/x")});
+        options.insert(options.end(), {"--timeout", patience_, "--final-timeout", patience_,
+                                       folder_.path("x"), server.url("/x")});
         const auto result = run_client(std::move(options));
         messages_ = result.messages;
         return result.status;
     }
 
+    /// For tests of silence: long enough for a busy machine to get as far as the silence.
+    void be_impatient() { patience_ = "3"; }
+
     temporary_folder folder_;
     std::string messages_;
+    std::string patience_ = "60";  // seconds
 };
 
 TEST_F(HostileServer, BabblesWithoutALineEnd) {
@@ -83,6 +87,7 @@ TEST_F(HostileServer, BabblesWithoutALastLine) {
 }
 
 TEST_F(HostileServer, AnswersWithPreliminaryRepliesForEver) {
+    be_impatient();
     // Not an answer in time, however much it says.
     EXPECT_EQ(upload(
                   [](peer& control) {
@@ -109,6 +114,7 @@ TEST_F(HostileServer, HangsUp) {
 }
 
 TEST_F(HostileServer, SaysNothing) {
+    be_impatient();
     EXPECT_EQ(download([](peer& control) { control.receive_all(); }), exit_status::timed_out);
 }
 
@@ -201,6 +207,7 @@ TEST_F(HostileServer, BreaksOffInsideABlock) {
 }
 
 TEST_F(HostileServer, FallsSilentInTheMiddle) {
+    be_impatient();
     EXPECT_EQ(download([&](peer& control) {
                   auto data = connect_data(begin_download(control));
                   data.send(block(0, 0, "xxxxx"));
@@ -213,6 +220,7 @@ TEST_F(HostileServer, FallsSilentInTheMiddle) {
 }
 
 TEST_F(HostileServer, NeverConnects) {
+    be_impatient();
     EXPECT_EQ(download([&](peer& control) {
                   begin_download(control);
                   control.receive_all();
@@ -252,6 +260,7 @@ TEST_F(HostileServer, LiesAboutTheChecksum) {
 }
 
 TEST_F(HostileServer, TakesNothingAndSaysThatItIsStored) {
+    be_impatient();
     EXPECT_EQ(upload(
                   [](peer& control) {
                       control.log_in();

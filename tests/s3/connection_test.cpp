@@ -129,7 +129,7 @@ TEST_F(Connections, ASilentStoreIsGivenUp) {
 }
 
 TEST_F(Connections, AStallInTheMiddleIsHealed) {
-    S3_set_option(S3OptionStallSeconds, 1);
+    S3_set_option(S3OptionStallSeconds, 3);
     Step half;
     half.reply = reply(200, {{"Content-Length", "10"}, {"ETag", "\"e\""}}, "01234");
     half.hang_after = true;

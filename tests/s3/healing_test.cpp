@@ -182,7 +182,7 @@ TEST_P(Healing, TheCallersTimeLimitEndsTheHealing) {
     server_.then(hang);
     Recorder got;
     const S3BucketContext where = context();
-    S3_get_object(&where, "key", nullptr, 0, 0, nullptr, 700, &s3test::kGet, &got);
+    S3_get_object(&where, "key", nullptr, 0, 0, nullptr, 3000, &s3test::kGet, &got);
     EXPECT_EQ(got.status, S3StatusInternalError);
     EXPECT_TRUE(got.data == object.substr(0, 10'000));
     EXPECT_EQ(server_.requests().size(), 2u);

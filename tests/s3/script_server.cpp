@@ -2,11 +2,14 @@
 #include "script_server.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 
 namespace s3test {
 namespace {
@@ -67,8 +70,12 @@ void abandon(int socket) {
     close(nothing);
 }
 
-// What was sent arrives all the same: it is in the peer's buffer already.
+// What was sent arrives all the same: it is in the peer's buffer already. What the peer has no room for yet
+// would be thrown away.
 void reset(int socket) {
+    int unsent = 0;
+    for (int round = 0; round < 10000 && ioctl(socket, SIOCOUTQNSD, &unsent) == 0 && unsent > 0; ++round)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const linger at_once{1, 0};
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
     abandon(socket);

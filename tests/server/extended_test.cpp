@@ -321,6 +321,18 @@ class extended : public core_test {
         // The spool counts whole pieces of memory.
         EXPECT_LE(store.most_spooled(), data.size() + (1 << 20));
     }
+    void wait_accepted(std::size_t count) {
+        const auto limit = std::chrono::steady_clock::now() + patience;
+        while (listener->accepted < count && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+    }
+    void wait_stored(std::size_t count) {
+        const auto limit = std::chrono::steady_clock::now() + patience;
+        while (store.stored().size() < count && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+    }
     void wait_spooled() {
         const auto limit = std::chrono::steady_clock::now() + patience;
         while (shared->counters().spool_bytes == 0 && std::chrono::steady_clock::now() < limit) {
@@ -357,7 +369,11 @@ TEST_F(extended, an_idle_connection_is_kept_and_holds_nobody_up) {
     connect(4);
     const auto data = pattern(2'000'000);
     auto outcome = upload(blocks(data.size()));
-    write_all(deal(data, 10'000, 3, in_turn), at_once);
+    write_all(deal(data, 10'000, 3, in_turn), [this](std::size_t which) {
+        if (which == 0) {
+            wait_accepted(4);
+        }
+    });
     expect_stored(std::move(outcome), data);
     EXPECT_EQ(listener->kept.size(), 4u);
 }
@@ -554,6 +570,7 @@ TEST_F(extended_progress, is_reported_again_until_it_is_taken) {
     progress.takes = false;
     auto outcome = upload(blocks(data.size()));
     clients[0]->write(block_of(data.substr(0, 250), 0));
+    wait_stored(250);
     progress.wait_asked(5);
     EXPECT_EQ(progress.told(), texts{});
     progress.takes = true;
@@ -590,10 +607,7 @@ TEST_F(extended_progress, leaves_a_failed_upload_with_what_was_not_told) {
     progress.takes = false;
     auto outcome = upload(blocks(1000));
     clients[0]->write(block_of(pattern(250), 0));
-    const auto limit = std::chrono::steady_clock::now() + patience;
-    while (store.stored().size() < 250 && std::chrono::steady_clock::now() < limit) {
-        std::this_thread::yield();
-    }
+    wait_stored(250);
     clients[0]->reset();
     const auto result = result_of(std::move(outcome));
     progress.over = true;
@@ -665,8 +679,9 @@ TEST_F(extended_progress, takes_no_range_that_cannot_be) {
     };
     auto outcome = upload(blocks(1000));
     clients[0]->write(block_of(pattern(250), 0));
-    EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty(); }));
-    EXPECT_EQ(progress.told().front(), "20-150");
+    // A report may come between the two that are good.
+    EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty() && told.back() == "20-150"; }));
+    EXPECT_LE(progress.told().size(), 2u) << progress.told().front();
     clients[0]->reset();
     EXPECT_TRUE(result_of(std::move(outcome)).error);
 }

@@ -44,11 +44,17 @@ class Socket {
         return socket;
     }
 
+    /// Have a port of an address, and do nothing with it. @param port  0 = a free one
+    static Socket bind(const char* address, std::uint16_t port = 0) {
+        Socket socket(::socket(std::strchr(address, ':') != nullptr ? AF_INET6 : AF_INET, SOCK_STREAM, 0));
+        const auto [local, length] = make(address, port);
+        check(::bind(socket.number_, reinterpret_cast<const sockaddr*>(&local), length), "bind");
+        return socket;
+    }
+
     /// Listen on a free port of an address.
     static Socket listen(const char* address) {
-        Socket socket(::socket(std::strchr(address, ':') != nullptr ? AF_INET6 : AF_INET, SOCK_STREAM, 0));
-        const auto [local, length] = make(address, 0);
-        check(::bind(socket.number_, reinterpret_cast<const sockaddr*>(&local), length), "bind");
+        Socket socket = bind(address);
         check(::listen(socket.number_, 8), "listen");
         return socket;
     }
@@ -142,6 +148,16 @@ class Socket {
 
     int number_ = -1;
 };
+
+/// Whether this machine has an address of version 6 to listen at.
+inline bool has_ipv6() {
+    try {
+        (void)Socket::bind("::1");
+        return true;
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
 
 /// A whole reply.
 struct Reply {

@@ -86,7 +86,7 @@ TEST(HostileClient, CommandsWithoutEndAreNoLogin) {
 }
 
 TEST(HostileClient, OneByteAtATimeIsIdle) {
-    LiveServer server("[timeouts]\nidle = 1\n");
+    LiveServer server("[timeouts]\nidle = 3\n");
     Client client = server.client();
     EXPECT_EQ(drip(client, "N", 0).text, "421 Idle for too long; closing.\r\n");
 }

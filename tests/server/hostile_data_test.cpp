@@ -16,6 +16,18 @@ std::size_t descriptors() {
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
+/// A port that nobody has: below those that the system gives to whoever does not name one.
+std::uint16_t a_free_port() {
+    for (auto port = static_cast<std::uint16_t>(20000 + ::getpid() % 10000);; ++port) {
+        try {
+            (void)Socket::bind("127.0.0.1", port);
+            return port;
+        } catch (const std::runtime_error&) {
+            // Somebody has it.
+        }
+    }
+}
+
 }  // namespace
 
 TEST(HostileData, StrangersNeitherReadNorWrite) {
@@ -160,11 +172,11 @@ TEST(HostileData, PortsAreNotHeldWithoutEnd) {
         EXPECT_EQ(client.command("EPSV").code, 229);
         EXPECT_EQ(client.command("PORT 127,0,0,1,200,1").code, 200);
     }
-    EXPECT_LE(descriptors(), before);
+    EXPECT_TRUE(eventually([before] { return descriptors() <= before; })) << descriptors();
 }
 
 TEST(HostileData, APortRangeThatOthersHold) {
-    const std::string free_port = std::to_string(Socket::listen("127.0.0.1").local_port());
+    const std::string free_port = std::to_string(a_free_port());
     LiveServer server("[server]\npassive_ports = \"" + free_port + "\"\n");
     Client first = server.client();
     if (first.command("EPSV").code != 229) GTEST_SKIP() << "somebody else has the port";
@@ -174,19 +186,15 @@ TEST(HostileData, APortRangeThatOthersHold) {
     EXPECT_EQ(first.command("EPSV").code, 229) << "its own port may be asked for again";
     EXPECT_EQ(first.command("QUIT").code, 221);
     EXPECT_EQ(first.reply().code, 0);
-    EXPECT_EQ(second.command("EPSV").code, 229);
+    EXPECT_TRUE(eventually([&second] { return second.command("EPSV").code == 229; }));
 }
 
 TEST(HostileData, NobodyListensWhereTheClientPoints) {
     LiveServer server;
     put("/bucket/x", "data");
     Client client = server.client();
-    std::uint16_t port = 0;
-    {
-        const Socket listener = Socket::listen("127.0.0.1");
-        port = listener.local_port();
-    }
-    EXPECT_EQ(client.command("EPRT |1|127.0.0.1|" + std::to_string(port) + "|").code, 200);
+    const Socket silent = Socket::bind("127.0.0.1");
+    EXPECT_EQ(client.command("EPRT |1|127.0.0.1|" + std::to_string(silent.local_port()) + "|").code, 200);
     client.send("RETR /bucket/x\r\n");
     Reply reply = client.reply();
     if (reply.code == 150) reply = client.reply();

@@ -188,7 +188,7 @@ TEST(LiveChecksum, TheLimitIsForEachUser) {
 // A session that began to idle after this one's command and is over before it ends: the limit has passed in
 // between.
 TEST(LiveChecksum, TheIdleTimerStandsStillMeanwhile) {
-    LiveServer server("[timeouts]\nidle = 1\n");
+    LiveServer server("[timeouts]\nidle = 3\n");
     put("/bucket/x", "data");
     const Held held;
     Client busy = server.client();

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <map>
 #include <regex>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -579,10 +581,39 @@ class MarkerClock {
         for (int i = 0; i < markers; ++i)
             EXPECT_EQ(up_.client.reply().code, 112);
     }
+    /// Wait until it gets one that was made after this call, in the next second. @return how many it got
+    int wait_for_the_next() {
+        const auto begin = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+        for (int markers = 1;; ++markers) {
+            const Reply marker = up_.client.reply();
+            const auto place = marker.text.find("Timestamp: ");
+            if (place == std::string::npos) {
+                ADD_FAILURE() << marker.text;
+                return markers;
+            }
+            if (std::atoll(marker.text.c_str() + place + 11) > begin) return markers;
+        }
+    }
 
   private:
     Uploader up_;
 };
+
+/// What the kernel holds for the server's end of a control connection: replies not sent, commands not read.
+std::string held_for_the_server(Client& client, std::uint16_t server_port) {
+    char own[8];
+    char other[8];
+    std::snprintf(own, sizeof own, ":%04X", static_cast<unsigned>(server_port));
+    std::snprintf(other, sizeof other, ":%04X", static_cast<unsigned>(client.control().local_port()));
+    std::ifstream table("/proc/net/tcp");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string number, local, remote, state, queues;
+        fields >> number >> local >> remote >> state >> queues;
+        if (local.ends_with(own) && remote.ends_with(other)) return queues;
+    }
+    return {};
+}
 
 }  // namespace
 
@@ -597,7 +628,7 @@ TEST(LiveExtendedMarkers, TellHowFarAnUploadHasCome) {
     EXPECT_EQ(up.client.reply().code, 150) << "before any marker";
     ASSERT_TRUE(ranges.come_to(5));
     Reply marker = up.client.reply();
-    while (marker.code == 112 && bytes_of(marker) == 0)
+    while (marker.code == 112)
         marker = up.client.reply();
     EXPECT_EQ(marker.text, "111 Range Marker 0-5\r\n");
     EXPECT_EQ(bytes_of(up.client.reply()), 5);
@@ -648,7 +679,10 @@ TEST(LiveExtendedMarkers, OfRangesComeFromDurableOnesAlone) {
     EXPECT_EQ(up.client.reply().code, 150);
     up.sockets[0].write(block("01234", 0));
     ASSERT_TRUE(ranges.come_to(5));
-    EXPECT_EQ(up.client.reply().code, 112);
+    std::int64_t told = 0;
+    while (told == 0)
+        told = bytes_of(up.client.reply());
+    EXPECT_EQ(told, 5);
     EXPECT_EQ(bytes_of(up.client.reply()), 5);
     up.sockets[0].close();
     EXPECT_EQ(up.client.reply().code, 426);
@@ -741,7 +775,9 @@ TEST(LiveExtendedMarkers, TellHowFarADownloadHasCome) {
     EXPECT_EQ(client.reply().code, 150);
     std::string some(1U << 20U, '\0');
     EXPECT_GT(data.read(some.data(), some.size()), 0U);
-    const std::int64_t first = bytes_of(client.reply());
+    std::int64_t first = 0;
+    while (first == 0)
+        first = bytes_of(client.reply());
     EXPECT_GT(first, 0);
     EXPECT_LT(first, 64 << 20);
     for (std::size_t left = 32U << 20U; left > 0;)
@@ -768,25 +804,35 @@ TEST(LiveExtendedMarkers, DoNotPileUpBeforeAClientThatDoesNotRead) {
     Uploader up(server);
     up.connect(1);
     EXPECT_EQ(up.client.command("ALLO 10").code, 200);
+    (void)clock.wait_for_the_next();
     up.client.send("STOR /bucket/x\r\n");
     EXPECT_EQ(up.client.reply().code, 150);
     const int control = up.client.control().number();
+    const int room = 1 << 16;
+    ASSERT_EQ(::setsockopt(control, SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
     std::string flood;
     for (int i = 0; i < 1000; ++i)
         flood += "STAT\r\n";
     std::size_t sent = 0;
-    // Until the server takes no more: it cannot get rid of its replies.
-    for (pollfd entry{control, POLLOUT, 0}; ::poll(&entry, 1, 500) == 1;) {
-        const std::size_t at = sent % flood.size();
-        const ssize_t count =
-            ::send(control, flood.data() + at, flood.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (count < 0) {
-            ASSERT_EQ(errno, EAGAIN);
-            continue;
+    // Until the server takes no more, because it cannot get rid of its replies: nothing moves any more while
+    // it has the time for others.
+    int until_then = 0;
+    for (std::string held = "?"; held != held_for_the_server(up.client, server.port());) {
+        for (pollfd entry{control, POLLOUT, 0}; ::poll(&entry, 1, 0) == 1;) {
+            const std::size_t at = sent % flood.size();
+            const ssize_t count =
+                ::send(control, flood.data() + at, flood.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (count < 0) {
+                ASSERT_EQ(errno, EAGAIN);
+                continue;
+            }
+            sent += static_cast<std::size_t>(count);
         }
-        sent += static_cast<std::size_t>(count);
+        held = held_for_the_server(up.client, server.port());
+        ASSERT_NE(held, "");
+        until_then += clock.wait_for_the_next();
     }
-    clock.wait(3);
+    clock.wait(5);
     up.sockets[0].write(block("0123456789", 0) + end_of_file(1));
     EXPECT_TRUE(eventually([] { return stored("/bucket/x"); }));
     int markers = 0;
@@ -796,7 +842,7 @@ TEST(LiveExtendedMarkers, DoNotPileUpBeforeAClientThatDoesNotRead) {
         EXPECT_TRUE(reply.code == 211 || reply.code == 112) << reply.text;
     }
     EXPECT_EQ(reply.code, 226);
-    EXPECT_LE(markers, 1);
+    EXPECT_LE(markers, until_then + 2) << "one more for when its second begins, one that waited";
 }
 
 // ------------------------------------------------------------------------------ refusals
@@ -808,6 +854,7 @@ TEST(LiveExtendedRefusals, StripedAddressesAreOneAndOfVersion4) {
               "504 This server has one stripe: name one address.\r\n");
     EXPECT_EQ(up.client.command("SPOR 127,0,0,1,200").code, 501);
     EXPECT_EQ(up.client.command("SPOR 127,0,0,1,200,0,127,0,0,1,200,1").code, 501);
+    if (!has_ipv6()) return;
     Client six = Client::logged_in(server.port_v6(), "::1");
     EXPECT_EQ(six.command("MODE E").code, 200);
     EXPECT_EQ(six.command("SPAS").text, "425 SPAS works over IPv4 only; use EPSV.\r\n");

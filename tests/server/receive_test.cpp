@@ -475,9 +475,10 @@ TEST_F(receive, a_back_end_that_commits_for_long_is_not_a_stall) {
         zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
     };
     auto client = connector.open();
-    auto outcome = start_receive(sized(500));
+    // Ahead of the transfer: this thread may be kept waiting for longer than a stall takes.
     client->write(pattern(500));
     client->end();
+    auto outcome = start_receive(sized(500));
     EXPECT_EQ(outcome.wait_for(500ms), std::future_status::timeout);
     go_on.raise();
     EXPECT_FALSE(result_of(std::move(outcome)).error);
