@@ -181,7 +181,10 @@ void operation::run_entry() noexcept {
     entry_.function(handle());
     guard held(*this);
     entry_returned_ = true;
-    wake_locked();
+    // Mostly it is the finish that is waited for, and the coroutine need not be woken twice.
+    if (entry_awaited_) {
+        wake_locked();
+    }
 }
 
 bool operation::is_own_locked(zorvan_result_t result) const noexcept {
@@ -479,7 +482,9 @@ bool operation::finished() {
 
 bool operation::entry_over() {
     const std::lock_guard lock(mutex_);
-    return !started_ || entry_returned_;
+    const bool over = !started_ || entry_returned_;
+    entry_awaited_ = !over;
+    return over;
 }
 
 void operation::drop_output() {

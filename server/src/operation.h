@@ -198,7 +198,7 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     // --- from the coroutine ---
 
     bool finished();
-    /// Is no entry of the back end inside it?
+    /// Is no entry of the back end inside it? If one is, its return raises the event.
     bool entry_over();
     /// Drop what is still to come for the client, and let a held-up back end go on.
     void drop_output();
@@ -260,6 +260,7 @@ class operation final : public pool_task, public std::enable_shared_from_this<op
     entry_task entry_{*this};
     bool started_ = false;
     bool entry_returned_ = false;
+    bool entry_awaited_ = false;  // the coroutine was told that it is still inside
     bool finished_ = false;
     bool released_ = false;
     bool output_dropped_ = false;

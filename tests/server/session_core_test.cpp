@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "core_fixture.h"
+#include "operation.h"
 
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
@@ -139,6 +140,35 @@ TEST_F(session_core_test, entries_of_one_session_are_called_one_at_a_time) {
     return_now.raise();
     EXPECT_FALSE(result_of(std::move(second)).error);
     settle();
+}
+
+// It is the finish that a command's coroutine waits for: the entry's return would wake it for nothing, in the
+// middle of the back end's work.
+TEST_F(session_core_test, an_entry_that_returns_wakes_only_who_waits_for_it) {
+    shared = std::make_unique<host>(config, io.get_executor());
+    const async_event event(strand);
+    const auto soon = [] { return std::chrono::steady_clock::now(); };
+    const auto late = [] { return std::chrono::steady_clock::now() + patience; };
+    for (const bool asks : {false, true}) {
+        flag inside;
+        flag return_now;
+        auto core = std::make_shared<session_core>(promise_module(), *shared, session_record{});
+        auto op = operation::create(operation_kind::command, std::move(core), event);
+        op->start([&](op_handle) {
+            inside.raise();
+            return_now.wait();
+        });
+        inside.wait();
+        if (asks) {
+            EXPECT_FALSE(op->entry_over());
+        }
+        return_now.raise();
+        settle_threads();
+        EXPECT_EQ(result_of(start(event.wait_until(asks ? late() : soon()))), asks);
+        EXPECT_TRUE(op->entry_over());
+        zorvan_gridftp_server_finished_command(op->handle(), ZORVAN_SUCCESS, nullptr);
+        EXPECT_TRUE(result_of(start(event.wait_until(late()))));
+    }
 }
 
 TEST_F(session_core_test, a_command_gets_its_arguments_and_reports_progress) {
