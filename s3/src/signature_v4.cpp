@@ -2,10 +2,10 @@
 #include "signature_v4.h"
 
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <new>
 
 #include "text.h"
@@ -15,18 +15,60 @@ namespace {
 
 using Key = std::array<unsigned char, 32>;
 
-Key hmac_sha256(const void* key, size_t key_size, std::string_view data) {
-    Key out{};
-    unsigned int size = 0;
-    if (HMAC(EVP_sha256(), key, static_cast<int>(key_size),
-             reinterpret_cast<const unsigned char*>(data.data()), data.size(), out.data(), &size) == nullptr)
-        throw std::bad_alloc();
-    return out;
+// Looked up once: a look-up costs more than the few blocks of a signature. Never freed, as requests may run
+// while the process ends.
+const EVP_MD* sha256_algorithm() {
+    static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return fetched != nullptr ? fetched : EVP_sha256();
 }
 
-Key hmac_sha256(const Key& key, std::string_view data) {
-    return hmac_sha256(key.data(), key.size(), data);
-}
+// SHA-256 and its HMAC (RFC 2104) with one context for all of a signature.
+class Sha256 {
+  public:
+    Sha256() : context_(EVP_MD_CTX_new()) {
+        if (context_ == nullptr) throw std::bad_alloc();
+    }
+
+    Key hash(std::string_view first, std::string_view second = {}) {
+        Key out{};
+        if (EVP_DigestInit_ex(context_.get(), sha256_algorithm(), nullptr) != 1 ||
+            EVP_DigestUpdate(context_.get(), first.data(), first.size()) != 1 ||
+            EVP_DigestUpdate(context_.get(), second.data(), second.size()) != 1 ||
+            EVP_DigestFinal_ex(context_.get(), out.data(), nullptr) != 1)
+            throw std::bad_alloc();
+        return out;
+    }
+
+    Key hmac(std::string_view key, std::string_view data) {
+        constexpr size_t block = 64;
+        std::array<char, block> inner{};
+        if (key.size() > block) {
+            const Key shorter = hash(key);
+            std::copy(shorter.begin(), shorter.end(), inner.begin());
+        } else {
+            std::copy(key.begin(), key.end(), inner.begin());
+        }
+        std::array<char, block> outer = inner;
+        for (char& c : inner)
+            c = static_cast<char>(c ^ 0x36);
+        for (char& c : outer)
+            c = static_cast<char>(c ^ 0x5c);
+        const Key within = hash({inner.data(), block}, data);
+        return hash({outer.data(), block}, view(within));
+    }
+
+    Key hmac(const Key& key, std::string_view data) { return hmac(view(key), data); }
+
+  private:
+    struct Free {
+        void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
+    };
+    static std::string_view view(const Key& key) {
+        return {reinterpret_cast<const char*>(key.data()), key.size()};
+    }
+
+    std::unique_ptr<EVP_MD_CTX, Free> context_;
+};
 
 // Blanks at the ends go, runs of blanks inside become one.
 std::string canonical_value(std::string_view value) {
@@ -92,20 +134,21 @@ std::string authorization(const SigningInput& input) {
 
     std::string to_sign = "AWS4-HMAC-SHA256\n";
     to_sign.append(input.timestamp).append("\n").append(scope).append("\n");
-    to_sign += to_hex(sha256(build_canonical_request(input, sorted)));
+    Sha256 sha;
+    to_sign += to_hex(sha.hash(build_canonical_request(input, sorted)));
 
     std::string secret = "AWS4";
     secret.append(input.secret_key);
-    const Key date_key = hmac_sha256(secret.data(), secret.size(), date);
-    const Key region_key = hmac_sha256(date_key, input.region);
-    const Key service_key = hmac_sha256(region_key, input.service);
-    const Key signing_key = hmac_sha256(service_key, "aws4_request");
+    const Key date_key = sha.hmac(secret, date);
+    const Key region_key = sha.hmac(date_key, input.region);
+    const Key service_key = sha.hmac(region_key, input.service);
+    const Key signing_key = sha.hmac(service_key, "aws4_request");
 
     std::string out = "AWS4-HMAC-SHA256 Credential=";
     out.append(input.access_key).append("/").append(scope).append(",SignedHeaders=");
     out += signed_header_names(sorted);
     out += ",Signature=";
-    out += to_hex(hmac_sha256(signing_key, to_sign));
+    out += to_hex(sha.hmac(signing_key, to_sign));
     return out;
 }
 

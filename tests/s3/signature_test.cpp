@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "text.h"
 
 namespace {
@@ -62,6 +66,34 @@ TEST(Signature, ListObjectsExample) {
     EXPECT_EQ(sign("GET", "/", {{"prefix", "J"}, {"max-keys", "2"}}, {}, s3::kEmptyPayloadHash),
               expected("host;x-amz-content-sha256;x-amz-date",
                        "34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7"));
+}
+
+// The first key of the chain is "AWS4" and the secret: HMAC takes up to 64 bytes of a key as they are and
+// hashes longer ones. Expected values from Python's hmac.
+TEST(Signature, SecretsOfAnyLength) {
+    const NameValues query;
+    const NameValues headers = {{"Host", "h"}, {"x-amz-date", "20130524T000000Z"}};
+    s3::SigningInput input;
+    input.method = "GET";
+    input.encoded_path = "/k";
+    input.encoded_query = &query;
+    input.headers = &headers;
+    input.payload_hash = s3::kUnsignedPayload;
+    input.timestamp = "20130524T000000Z";
+    input.access_key = "id";
+    input.region = "us-east-1";
+    const std::string before =
+        "AWS4-HMAC-SHA256 Credential=id/20130524/us-east-1/s3/aws4_request,"
+        "SignedHeaders=host;x-amz-date,Signature=";
+    const std::vector<std::pair<size_t, std::string>> known = {
+        {60, "47e918ce565c2d187c5592a656c9b0bf6c600b028bfaf623dad35212f3724467"},
+        {61, "c4c6b4b85b84e12e8c0286871342d4684bed24531d07ef9e071c83f0aa483425"},
+        {200, "d9657f9d1e3fac62cf287cdafdf7e3cd111c36afd9c96e3c86510f2010f6e258"}};
+    for (const auto& [length, signature] : known) {
+        const std::string secret(length, 'k');
+        input.secret_key = secret;
+        EXPECT_EQ(s3::authorization(input), before + signature) << length;
+    }
 }
 
 TEST(Signature, HeaderValuesAreTrimmedAndBlanksJoined) {
