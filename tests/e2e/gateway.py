@@ -135,6 +135,13 @@ class Gateway:
         client.expect(200, "TYPE I")
         return client
 
+    def warm_up(self):
+        """Has each of its threads serve a session: what they open for their first one stays open. It has one for each processor."""
+        with contextlib.ExitStack() as stack:
+            for _ in range(os.cpu_count() + 1):
+                stack.enter_context(self.session()).listing("NLST", "/")
+        self.wait_idle()
+
     def log_text(self):
         return self.log_file.read_text(errors="replace")
 
@@ -238,9 +245,7 @@ def shared_server(binaries, store, **options):
     checked at the end."""
     folder = Path(tempfile.mkdtemp(prefix="zorvan-server-"))
     gateway = Gateway(binaries, store, folder, **options)
-    with gateway.session() as warm:
-        warm.listing("NLST", "/")
-    gateway.wait_idle()
+    gateway.warm_up()
     files = gateway.open_files()
     yield gateway
     gateway.wait_idle()

@@ -15,7 +15,10 @@ def test_two_hundred_at_once(fresh_server, bucket, stored):
     with FtpClient(gateway.host, gateway.port) as first:
         first.quit()
     gateway.wait_idle()
-    threads, descriptors = gateway.threads(), gateway.descriptors()
+    threads = gateway.threads()
+    gateway.warm_up()
+    settled(gateway, threads, 0)
+    descriptors = gateway.descriptors()
     contents = [random_bytes(20000 + 1000 * number) for number in range(SESSIONS)]
     together = threading.Barrier(SESSIONS)
     wrong = []
