@@ -1,7 +1,9 @@
 // AWS Signature Version 4: canonical request, string to sign, derived key, Authorization header.
 #include "signature_v4.h"
 
+#include <openssl/core_names.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
 #include <algorithm>
 #include <array>
@@ -17,57 +19,50 @@ using Key = std::array<unsigned char, 32>;
 
 // Looked up once: a look-up costs more than the few blocks of a signature. Never freed, as requests may run
 // while the process ends.
-const EVP_MD* sha256_algorithm() {
-    static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    return fetched != nullptr ? fetched : EVP_sha256();
+EVP_MAC* hmac_algorithm() {
+    static EVP_MAC* const fetched = [] {
+        EVP_MAC* const found = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+        if (found == nullptr) throw std::bad_alloc();  // the next signature tries again
+        return found;
+    }();
+    return fetched;
 }
 
-// SHA-256 and its HMAC (RFC 2104) with one context for all of a signature.
-class Sha256 {
+// HMAC-SHA-256 (RFC 2104) with one context, which knows its digest, for all keys of a signature.
+class HmacSha256 {
   public:
-    Sha256() : context_(EVP_MD_CTX_new()) {
-        if (context_ == nullptr) throw std::bad_alloc();
+    HmacSha256() : context_(EVP_MAC_CTX_new(hmac_algorithm())) {
+        std::array<char, 7> digest{"SHA256"};
+        const std::array<OSSL_PARAM, 2> parameters{
+            OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest.data(), 0),
+            OSSL_PARAM_construct_end()};
+        if (context_ == nullptr || EVP_MAC_CTX_set_params(context_.get(), parameters.data()) != 1)
+            throw std::bad_alloc();
     }
 
-    Key hash(std::string_view first, std::string_view second = {}) {
+    Key operator()(std::string_view key, std::string_view data) {
         Key out{};
-        if (EVP_DigestInit_ex(context_.get(), sha256_algorithm(), nullptr) != 1 ||
-            EVP_DigestUpdate(context_.get(), first.data(), first.size()) != 1 ||
-            EVP_DigestUpdate(context_.get(), second.data(), second.size()) != 1 ||
-            EVP_DigestFinal_ex(context_.get(), out.data(), nullptr) != 1)
+        size_t size = 0;
+        if (EVP_MAC_init(context_.get(), bytes(key), key.size(), nullptr) != 1 ||
+            EVP_MAC_update(context_.get(), bytes(data), data.size()) != 1 ||
+            EVP_MAC_final(context_.get(), out.data(), &size, out.size()) != 1)
             throw std::bad_alloc();
         return out;
     }
 
-    Key hmac(std::string_view key, std::string_view data) {
-        constexpr size_t block = 64;
-        std::array<char, block> inner{};
-        if (key.size() > block) {
-            const Key shorter = hash(key);
-            std::copy(shorter.begin(), shorter.end(), inner.begin());
-        } else {
-            std::copy(key.begin(), key.end(), inner.begin());
-        }
-        std::array<char, block> outer = inner;
-        for (char& c : inner)
-            c = static_cast<char>(c ^ 0x36);
-        for (char& c : outer)
-            c = static_cast<char>(c ^ 0x5c);
-        const Key within = hash({inner.data(), block}, data);
-        return hash({outer.data(), block}, view(within));
+    Key operator()(const Key& key, std::string_view data) {
+        return (*this)({reinterpret_cast<const char*>(key.data()), key.size()}, data);
     }
-
-    Key hmac(const Key& key, std::string_view data) { return hmac(view(key), data); }
 
   private:
     struct Free {
-        void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
+        void operator()(EVP_MAC_CTX* context) const noexcept { EVP_MAC_CTX_free(context); }
     };
-    static std::string_view view(const Key& key) {
-        return {reinterpret_cast<const char*>(key.data()), key.size()};
+    static const unsigned char* bytes(std::string_view text) {
+        return reinterpret_cast<const unsigned char*>(text.data());
     }
 
-    std::unique_ptr<EVP_MD_CTX, Free> context_;
+    std::unique_ptr<EVP_MAC_CTX, Free> context_;
 };
 
 // Blanks at the ends go, runs of blanks inside become one.
@@ -134,21 +129,21 @@ std::string authorization(const SigningInput& input) {
 
     std::string to_sign = "AWS4-HMAC-SHA256\n";
     to_sign.append(input.timestamp).append("\n").append(scope).append("\n");
-    Sha256 sha;
-    to_sign += to_hex(sha.hash(build_canonical_request(input, sorted)));
+    to_sign += to_hex(sha256(build_canonical_request(input, sorted)));
 
     std::string secret = "AWS4";
     secret.append(input.secret_key);
-    const Key date_key = sha.hmac(secret, date);
-    const Key region_key = sha.hmac(date_key, input.region);
-    const Key service_key = sha.hmac(region_key, input.service);
-    const Key signing_key = sha.hmac(service_key, "aws4_request");
+    HmacSha256 hmac;
+    const Key date_key = hmac(secret, date);
+    const Key region_key = hmac(date_key, input.region);
+    const Key service_key = hmac(region_key, input.service);
+    const Key signing_key = hmac(service_key, "aws4_request");
 
     std::string out = "AWS4-HMAC-SHA256 Credential=";
     out.append(input.access_key).append("/").append(scope).append(",SignedHeaders=");
     out += signed_header_names(sorted);
     out += ",Signature=";
-    out += to_hex(sha.hmac(signing_key, to_sign));
+    out += to_hex(hmac(signing_key, to_sign));
     return out;
 }
 
