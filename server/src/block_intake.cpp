@@ -8,6 +8,7 @@
 #include <boost/asio/post.hpp>
 
 #include "data_drain.h"
+#include "out_of_memory.h"
 #include "transfer_errors.h"
 
 namespace zorvan::gridftp {
@@ -108,6 +109,12 @@ void block_intake::fail_intake(operation_error reason) noexcept {
     }
 }
 
+void block_intake::fail_intake(operation_error (*reason)()) noexcept {
+    if (!run_without_throwing([&] { fail_intake(reason()); })) {
+        fail_intake(operation_error::out_of_memory());
+    }
+}
+
 // Every coroutine sees over() when it goes on.
 void block_intake::wind_up() noexcept {
     wound_up_ = true;
@@ -154,7 +161,7 @@ task<bool> block_intake::read_header(connection& from) {
         }
         const bool at_rest = from.header_bytes == 0 && (from.ended || !from.sent_data);
         if (result.error == asio::error::operation_aborted ? !ending_ : !at_rest) {
-            fail_intake(transfer_errors::broken_off());
+            fail_intake(transfer_errors::broken_off);
         }
         co_return false;
     }
@@ -280,14 +287,14 @@ task<std::size_t> block_intake::read_data(connection& from, asio::mutable_buffer
         client_moved();
     }
     if (result.error && result.error != asio::error::operation_aborted) {
-        fail_intake(transfer_errors::broken_off());
+        fail_intake(transfer_errors::broken_off);
     }
     co_return result.bytes;
 }
 
 task<void> block_intake::stop(bool reset) {
     if (!over()) {
-        fail_intake(transfer_errors::aborted());
+        fail_intake(transfer_errors::aborted);
     }
     if (reset) {
         reset_connections();

@@ -63,6 +63,8 @@ class block_intake {
     const std::optional<operation_error>& intake_error() const noexcept { return error_; }
     /// Let every coroutine come to its end. The first reason stays.
     void fail_intake(operation_error reason) noexcept;
+    /// The same with a reason that takes memory to make; when there is none, that is the reason.
+    void fail_intake(operation_error (*reason)()) noexcept;
     /// Reads shall end, and no data come any more.
     bool over() const noexcept { return ending_ || error_; }
     /// The client shall see a reset.

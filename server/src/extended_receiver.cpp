@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "out_of_memory.h"
 #include "transfer_errors.h"
 
 namespace zorvan::gridftp {
@@ -50,9 +51,9 @@ void extended_receiver::on_read_locked(const read_request& request) {
 
 void extended_receiver::note_failures() noexcept {
     if (aborted_) {
-        fail_intake(transfer_errors::aborted());
+        fail_intake(transfer_errors::aborted);
     } else if (stalled()) {
-        fail_intake(transfer_errors::stalled());
+        fail_intake(transfer_errors::stalled);
     }
 }
 
@@ -96,7 +97,7 @@ void extended_receiver::end_clean_locked() {
 void extended_receiver::check_end_locked() {
     data_ended_ = true;
     if (!events_.control_alive()) {
-        fail_intake(transfer_errors::control_lost());
+        fail_intake(transfer_errors::control_lost);
     } else if (claimed().bytes() != announced_) {
         fail_intake(operation_error::channel(550, "The data ended before the announced size was reached."));
     }
@@ -112,7 +113,7 @@ bool extended_receiver::settle() {
         }
         if (finished && !intake_error()) {
             // A success says that it has what has not been delivered yet.
-            fail_intake(transfer_errors::storage_ended_early());
+            fail_intake(transfer_errors::storage_ended_early);
         }
         if (!intake_error() && at_rest() && !data_ended_) {
             check_end_locked();
@@ -237,12 +238,21 @@ void extended_receiver::deliver_locked(lane& from) {
 
 void extended_receiver::hand_over_locked(const completion& due) {
     const auto begin = static_cast<std::uint64_t>(due.offset);
-    delivered_.add(begin, begin + due.bytes);
-    const std::uint64_t run = delivered_.run_end(base_);
-    if (begin > run) {
-        early_.emplace(begin, begin + due.bytes);
+    const bool noted = run_without_throwing([&] {
+        delivered_.add(begin, begin + due.bytes);
+        const std::uint64_t run = delivered_.run_end(base_);
+        if (begin > run) {
+            early_.emplace(begin, begin + due.bytes);
+        }
+        early_.erase(early_.begin(), early_.lower_bound(run));
+    });
+    if (!noted) {
+        // The buffer is in no queue any more: whatever happens, it is called back here.
+        fail_intake(operation_error::out_of_memory());
+        op_.fail_channel_locked(operation_error::out_of_memory());
+        op_.complete_locked(ended_read({due.buffer, 0, due.read_callback, due.argument}, true, 0));
+        return;
     }
-    early_.erase(early_.begin(), early_.lower_bound(run));
     handed_over_ += due.bytes;
     if (handed_over_ == announced_) {
         held_ = due;
@@ -266,7 +276,7 @@ void extended_receiver::deliver_ended_locked() {
 }
 
 void extended_receiver::feed_from_spool_locked() {
-    while (spool_ && !queue_.empty()) {
+    while (spool_ && !queue_.empty() && !intake_error()) {
         const std::uint64_t lowest = front();
         const auto found = spool_->find(lowest);
         if (!found) {
@@ -274,12 +284,12 @@ void extended_receiver::feed_from_spool_locked() {
         }
         deliver_ended_locked();
         const read_request request = queue_.front();
-        queue_.pop_front();
         const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(found->length, request.length));
         auto due = filled_read(request, part, static_cast<std::int64_t>(lowest), false);
         due.source = &checked_;
         due.source_offset = found->position;
         taken_.add(lowest, lowest + part);
+        queue_.pop_front();
         hand_over_locked(due);
     }
 }

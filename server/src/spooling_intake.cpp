@@ -27,7 +27,7 @@ std::unique_ptr<block_intake::connection> spooling_intake::make_connection(
 
 void spooling_intake::abort() noexcept {
     aborted_ = true;
-    fail_intake(transfer_errors::aborted());
+    fail_intake(transfer_errors::aborted);
     reset_connections();
 }
 
@@ -52,7 +52,7 @@ task<void> spooling_intake::take_block(connection& from, std::uint64_t offset, s
             --stores_;
             stored += result.bytes;
             if (result.reason != 0) {
-                fail_intake(transfer_errors::no_room_for_unknown_size());
+                fail_intake(transfer_errors::no_room_for_unknown_size);
             } else if (result.needs_file) {
                 wants_file_ = true;
                 event_.notify();
@@ -96,7 +96,7 @@ task<void> spooling_intake::receive_all(const check_place& check) {
             continue;
         }
         if (stores_ == 0 && any_connection()) {
-            fail_intake(transfer_errors::stalled());
+            fail_intake(transfer_errors::stalled);
         } else {
             // The disk is waited for, or a connection, which has a time of its own.
             client_moved();
@@ -113,7 +113,7 @@ task<std::optional<operation_error>> spooling_intake::run(const check_place& che
         fail_intake(operation_error::out_of_memory());
     }
     if (!intake_error() && !alive()) {
-        fail_intake(transfer_errors::control_lost());
+        fail_intake(transfer_errors::control_lost);
     }
     if (!intake_error() && claimed().run_end(begin_) - begin_ != claimed().bytes()) {
         fail_intake(operation_error::channel(550, "The data blocks leave a part of the file out."));

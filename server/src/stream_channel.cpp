@@ -2,7 +2,6 @@
 #include "stream_channel.h"
 
 #include <boost/asio/co_spawn.hpp>
-#include <boost/asio/detached.hpp>
 
 #include "transfer_errors.h"
 
@@ -22,33 +21,44 @@ void stream_channel::start_connect() {
         return;
     }
     connect_started_ = true;
-    asio::co_spawn(
-        strand_,
-        [this, alive = kept()]() -> task<void> {
-            connect_result result;
-            try {
-                result = co_await connector_.connect();
-            } catch (const std::exception&) {
-                result.stream.reset();
+    try {
+        asio::co_spawn(strand_, connect(), [this, alive = kept()](const std::exception_ptr& error) {
+            if (error) {
+                connect_error_ = operation_error::out_of_memory();
+                connect_done_ = true;
+                op_.event().notify();
             }
-            connect_done_ = true;
-            if (result.stream) {
-                stream_ = std::move(result.stream);
-                if (op_.kind() == operation_kind::receive) {
-                    // The client's data come in while the back end has no read registered. What is sent needs
-                    // no more room than the kernel finds by itself.
-                    stream_->set_buffer_sizes(
-                        config_.block_size * static_cast<std::size_t>(config_.concurrency), 0);
-                }
-                if (aborted_) {
-                    stream_->reset();
-                }
-            } else {
-                connect_error_ = transfer_errors::not_connected(result);
-            }
-            op_.event().notify();
-        },
-        asio::detached);
+        });
+    } catch (...) {
+        // It has not begun and will not end.
+        connect_started_ = false;
+        throw;
+    }
+}
+
+task<void> stream_channel::connect() {
+    connect_result result;
+    try {
+        result = co_await connector_.connect();
+    } catch (const std::exception&) {
+        result.stream.reset();
+    }
+    if (result.stream) {
+        stream_ = std::move(result.stream);
+        if (op_.kind() == operation_kind::receive) {
+            // The client's data come in while the back end has no read registered. What is sent needs no more
+            // room than the kernel finds by itself.
+            stream_->set_buffer_sizes(config_.block_size * static_cast<std::size_t>(config_.concurrency), 0);
+        }
+        if (aborted_) {
+            stream_->reset();
+        }
+    } else {
+        connect_error_ = transfer_errors::not_connected(result);
+    }
+    // Only now: an outcome without stream and reason would be asked for again and again.
+    connect_done_ = true;
+    op_.event().notify();
 }
 
 task<void> stream_channel::end_connect() {

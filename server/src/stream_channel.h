@@ -30,6 +30,8 @@ class stream_channel : public data_channel {
     std::unique_ptr<data_stream> stream_;
 
   private:
+    task<void> connect();
+
     bool connect_started_ = false;
     bool connect_done_ = false;
     std::optional<operation_error> connect_error_;

@@ -3,9 +3,12 @@
 // fail does, an operation always ends, and what could not be copied never passes for the whole.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "block_codec.h"
 #include "core_fixture.h"
+#include "data_listener.h"
 #include "failing_system.h"
 
 using namespace zorvan::gridftp;
@@ -43,6 +46,94 @@ class out_of_memory : public core_test {
     static bool is_out_of_memory(const std::optional<operation_error>& error) {
         return error && error->errno_value == ENOMEM;
     }
+};
+
+/// A client's connections in extended mode, and the connector that has them.
+class block_client final : public data_connector {
+  public:
+    explicit block_client(const asio::any_io_executor& strand) {
+        data_connection_rules rules;
+        rules.client = rules.local = asio::ip::address_v4::loopback();
+        boost::system::error_code error;
+        listener_ = passive_listener::open(strand, rules, error);
+        EXPECT_FALSE(error) << error.message();
+    }
+    /// On the strand.
+    void close() { listener_.reset(); }
+
+    task<connect_result> connect() override { return listener_->connect(); }
+    task<connect_result> connect_more(bool limited) override {
+        auto result = co_await listener_->connect_more(limited);
+        if (result.stream) {
+            result.stream = std::make_unique<failing_stream>(std::move(result.stream), fault_);
+        }
+        co_return result;
+    }
+    void stop_connecting() noexcept override { listener_->stop_connecting(); }
+    void cancel() noexcept override { listener_->cancel(); }
+
+    /// A connection of the client's.
+    client_socket& open() {
+        const int number = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(listener_->port());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        return *sockets_.emplace_back(std::make_unique<client_socket>(number));
+    }
+    static std::string block(unsigned char bits, std::string_view data, std::uint64_t offset) {
+        const auto head = encode({bits, data.size(), offset});
+        return std::string(reinterpret_cast<const char*>(head.data()), head.size()) + std::string(data);
+    }
+    static receive_request upload(std::optional<std::uint64_t> size) {
+        receive_request request;
+        request.path = "/bucket/file";
+        request.announced_size = size;
+        request.extended = true;
+        return request;
+    }
+
+    /// Once the first data are read, let the allocation number `after` fail.
+    void fail_after_data(long after) { fault_->after = after; }
+
+  private:
+    struct fault {
+        std::optional<long> after;
+        std::optional<FailingAllocations> failing;
+    };
+    // Shared: a stream that is read to its end in the background may outlive the client.
+    class failing_stream final : public data_stream {
+      public:
+        failing_stream(std::unique_ptr<data_stream> inner, std::shared_ptr<fault> due)
+            : inner_(std::move(inner)), fault_(std::move(due)) {}
+        task<io_result> read_some(asio::mutable_buffer buffer) override {
+            const auto result = co_await inner_->read_some(buffer);
+            if (buffer.size() > block_header_size && fault_->after) {
+                fault_->failing.emplace(*std::exchange(fault_->after, std::nullopt), 1);
+            }
+            co_return result;
+        }
+        task<io_result> write_some(std::span<const asio::const_buffer> buffers) override {
+            return inner_->write_some(buffers);
+        }
+        task<boost::system::error_code> shutdown() override { return inner_->shutdown(); }
+        void cancel_io() noexcept override { inner_->cancel_io(); }
+        void reset() noexcept override { inner_->reset(); }
+        void close() noexcept override { inner_->close(); }
+        bool quiet() noexcept override { return inner_->quiet(); }
+        void set_buffer_sizes(std::size_t receive, std::size_t send) noexcept override {
+            inner_->set_buffer_sizes(receive, send);
+        }
+
+      private:
+        std::unique_ptr<data_stream> inner_;
+        const std::shared_ptr<fault> fault_;
+    };
+
+    std::unique_ptr<passive_listener> listener_;
+    std::vector<std::unique_ptr<client_socket>> sockets_;
+    const std::shared_ptr<fault> fault_ = std::make_shared<fault>();
 };
 
 struct silent final : progress_sink {
@@ -317,6 +408,107 @@ TEST_F(out_of_memory, queries_and_reports) {
     EXPECT_TRUE(result_of(start_receive(sized(10))).error);
     settle_threads();
     EXPECT_LT(string_rounds, most_allocations);
+}
+
+// An abort comes at any time, also when there is no memory to say so with.
+TEST_F(out_of_memory, in_an_abort_of_an_upload_in_extended_mode) {
+    log_in();
+    for (const std::optional<std::uint64_t> size : {std::optional<std::uint64_t>(3000), {}}) {
+        SCOPED_TRACE(size ? "announced" : "not announced");
+        const int rounds = fail_each([&](int after) {
+            block_client client(strand);
+            recorder reads;
+            the_script().recv = [&](op_handle op, auto) {
+                EXPECT_EQ(reads.read(op, 1000), ZORVAN_SUCCESS);
+                zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+                EXPECT_TRUE(reads.wait(1).front().failed);
+                zorvan_gridftp_server_finished_transfer(op, new_error());
+            };
+            events.announced = 0;
+            auto outcome = start(session->receive(block_client::upload(size), client, events));
+            while (events.announced == 0) {
+                std::this_thread::yield();
+            }
+            bool failed = false;
+            on_strand([&] { failed = with_failure(after, [this] { session->abort(); }); });
+            const auto result = result_of(std::move(outcome));
+            settle_threads();
+            EXPECT_TRUE(result.aborted);
+            EXPECT_TRUE(result.error);
+            on_strand([&] { client.close(); });
+            return failed;
+        });
+        EXPECT_GE(rounds, 1);
+    }
+}
+
+// Why there is no connection is not lost with the memory to say it.
+TEST_F(out_of_memory, in_a_connect_that_fails) {
+    struct failing_connector final : data_connector {
+        task<connect_result> connect() override {
+            connect_result result;
+            result.error = long_text;
+            failing.emplace(0, 1);
+            co_return result;
+        }
+        void cancel() noexcept override {}
+        std::optional<FailingAllocations> failing;
+    };
+    log_in();
+    const auto ends = [this](auto begin) {
+        failing_connector own_connector;
+        const auto result = result_of(begin(own_connector));
+        EXPECT_TRUE(is_out_of_memory(result.error));
+        settle_threads();
+    };
+    recorder writes;
+    the_script().send = [&](op_handle op, auto) {
+        zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+        (void)writes.write(op, long_text, 0);
+        (void)writes.wait(writes.accepted());
+        zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+    };
+    ends([this](auto& from) { return start(session->send({"/bucket/file", {{}}}, from, events)); });
+    recorder reads;
+    the_script().recv = [&](op_handle op, auto) {
+        zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+        (void)reads.read(op, 1000);
+        (void)reads.wait(reads.accepted());
+        zorvan_gridftp_server_finished_transfer(op, new_error());
+    };
+    ends([this](auto& from) { return start(session->receive(sized(3000), from, events)); });
+}
+
+// A buffer that was filled is in no queue any more: it is called back all the same.
+TEST_F(out_of_memory, in_the_noting_of_a_block_in_extended_mode) {
+    log_in();
+    const auto data = pattern(3000);
+    // In the sets of what was taken and delivered, and of what came early.
+    for (long after = 0; after < 3; ++after) {
+        SCOPED_TRACE(after);
+        block_client client(strand);
+        client.fail_after_data(after);
+        recorder reads;
+        the_script().recv = [&](op_handle op, auto) {
+            zorvan_gridftp_server_begin_transfer(op, 0, nullptr);
+            for (int i = 0; i < 4; ++i) {
+                (void)reads.read(op, 1000);
+            }
+            (void)reads.wait(reads.accepted());
+            zorvan_gridftp_server_finished_transfer(op, ZORVAN_SUCCESS);
+        };
+        // The first block comes before its turn.
+        auto& connection = client.open();
+        connection.write(block_client::block(0, std::string_view(data).substr(1000, 1000), 1000) +
+                         block_client::block(0, std::string_view(data).substr(0, 1000), 0) +
+                         block_client::block(0, std::string_view(data).substr(2000), 2000) +
+                         block_client::block(block_end_of_file | block_end_of_data, {}, 1));
+        const auto result = result_of(start(session->receive(block_client::upload(3000), client, events)));
+        EXPECT_TRUE(is_out_of_memory(result.error));
+        connection.close();
+        settle_threads();
+        on_strand([&] { client.close(); });
+    }
 }
 
 // No thread to be had is no reason to lose an operation.
