@@ -7,6 +7,7 @@
 #include <boost/asio/use_awaitable.hpp>
 
 #include "out_of_memory.h"
+#include "timer_entry.h"
 
 namespace zorvan::gridftp {
 
@@ -42,6 +43,7 @@ task<bool> async_event::wait_until(std::chrono::steady_clock::time_point deadlin
         kept->word.store(state::idle);
         co_return true;
     }
+    enter_timer(kept->timer);
     auto [error] = co_await kept->timer.async_wait(asio::as_tuple(asio::use_awaitable));
     const bool was_notified = kept->word.exchange(state::idle) == state::notified;
     co_return was_notified || error;

@@ -125,6 +125,7 @@ task<stat_outcome> backend_session::implementation::stat(std::string path, bool 
     op->start([entry, kept = op.get(), session = core->handle](zorvan_gridftp_server_operation_t handle) {
         entry(handle, &kept->records.stat_info, session);
     });
+    bool lost = false;
     for (;;) {
         // Looked at before the entries are taken: none comes after the finish.
         const bool finished = op->finished();
@@ -134,8 +135,9 @@ task<stat_outcome> backend_session::implementation::stat(std::string path, bool 
             try {
                 wanted = co_await sink.entries(batch);
             } catch (const std::exception&) {
-                // A client that cannot be written to; the back end must still be waited for.
+                // The back end must still be waited for, and what is lost must not pass for the whole.
                 wanted = false;
+                lost = true;
             }
             outcome.entries += batch.size();
             op->entries_written(batch.size());
@@ -150,6 +152,9 @@ task<stat_outcome> backend_session::implementation::stat(std::string path, bool 
         co_await event.wait();
     }
     outcome.error = op->error();
+    if (lost && !outcome.error) {
+        outcome.error = operation_error::out_of_memory();
+    }
     outcome.aborted = stopped();
     co_return outcome;
 }

@@ -302,8 +302,10 @@ task<void> block_intake::stop(bool reset) {
     while (running_ > 0) {
         co_await changed_.wait();
     }
+    const bool keeps =
+        run_without_throwing([&] { source_.kept.reserve(source_.kept.size() + connections_.size()); });
     for (const auto& each : connections_) {
-        if (each->closed || reset) {
+        if (each->closed || reset || (!error_ && !keeps)) {
             each->stream->close();
         } else if (error_) {
             drain_in_background(std::move(each->stream), intake_config_, intake_strand_);

@@ -7,6 +7,7 @@
 
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <optional>
 #include <random>
 
 #include "data_address.h"
@@ -21,17 +22,28 @@ using asio::ip::tcp;
 
 constexpr int backlog = 64;
 
-/** Arrange for `object->cancel...` to run when the time is over; the timer's owner outlives the wait because
- * the wait is cancelled and, on the same strand, its handler tests the flag that its owner shares. */
-template <class Action>
-std::shared_ptr<bool> arm(asio::steady_timer& timer, std::chrono::milliseconds time, Action action) {
-    auto active = std::make_shared<bool>(true);
-    timer.expires_after(time);
-    timer.async_wait([active, action](const boost::system::error_code& error) {
-        if (!error && *active) action();
-    });
-    return active;
-}
+/** Runs an action when its time is over, but not once it is gone: the wait is cancelled and, on the same
+ * strand, an expiry that was queued already finds the flag. */
+class time_limit {
+  public:
+    template <class Action>
+    time_limit(asio::steady_timer& timer, std::chrono::milliseconds time, Action action) : timer_(timer) {
+        timer_.expires_after(time);
+        timer_.async_wait([active = active_, action](const boost::system::error_code& error) {
+            if (!error && *active) action();
+        });
+    }
+    ~time_limit() {
+        *active_ = false;
+        timer_.cancel();
+    }
+    time_limit(const time_limit&) = delete;
+    time_limit& operator=(const time_limit&) = delete;
+
+  private:
+    asio::steady_timer& timer_;
+    std::shared_ptr<bool> active_ = std::make_shared<bool>(true);
+};
 
 void prepare(tcp::socket& socket) {
     boost::system::error_code ignored;
@@ -71,6 +83,9 @@ boost::system::error_code passive_listener::bind(std::uint16_t port) {
     }
     if (!error) acceptor_.bind(endpoint, error);
     if (!error) acceptor_.listen(backlog, error);
+    if (!error) acceptor_.non_blocking(true, error);
+    // Or else accept() would wait for the next one.
+    if (!error) acceptor_.set_option(asio::socket_base::enable_connection_aborted(true), error);
     if (!error) port_ = acceptor_.local_endpoint(error).port();
     if (error) {
         boost::system::error_code ignored;
@@ -110,9 +125,9 @@ task<connect_result> passive_listener::connect() {
 task<connect_result> passive_listener::connect_more(bool limited) {
     if (cancelled_) co_return failed();
     stopped_ = false;
-    std::shared_ptr<bool> armed;
+    std::optional<time_limit> limit;
     if (limited) {
-        armed = arm(timer_, rules_.timeout, [this] {
+        limit.emplace(timer_, rules_.timeout, [this] {
             timed_out_ = true;
             boost::system::error_code ignored;
             acceptor_.close(ignored);
@@ -121,12 +136,15 @@ task<connect_result> passive_listener::connect_more(bool limited) {
     connect_result result = failed();
     while (acceptor_.is_open()) {
         boost::system::error_code error;
-        // As it was accepted: a socket that has been reset since cannot tell any more.
-        tcp::endpoint peer;
-        tcp::socket socket =
-            co_await acceptor_.async_accept(peer, asio::redirect_error(asio::use_awaitable, error));
+        // Not async_accept: it makes the socket where a want of memory would destroy this coroutine.
+        co_await acceptor_.async_wait(tcp::acceptor::wait_read,
+                                      asio::redirect_error(asio::use_awaitable, error));
         if (cancelled_ || timed_out_) break;
         if (error && stopped_) break;
+        // As it was accepted: a socket that has been reset since cannot tell any more.
+        tcp::endpoint peer;
+        tcp::socket socket(acceptor_.get_executor());
+        if (!error) acceptor_.accept(socket, peer, error);
         if (error == asio::error::connection_aborted || error == asio::error::try_again) continue;
         if (error) {
             log_line(ZORVAN_GFS_LOG_WARNING, "accepting a data connection failed: " + error.message());
@@ -139,10 +157,6 @@ task<connect_result> passive_listener::connect_more(bool limited) {
         }
         result = connected(std::move(socket), rules_);
         break;
-    }
-    if (armed) {
-        *armed = false;
-        timer_.cancel();
     }
     co_return result;
 }
@@ -184,13 +198,13 @@ task<connect_result> active_connector::connect_more(bool /*limited*/) {
         boost::system::error_code ignored;
         socket_.bind(tcp::endpoint(unmapped(rules_.local), 0), ignored);
     }
-    const auto armed = arm(timer_, rules_.timeout, [this] {
-        boost::system::error_code ignored;
-        socket_.close(ignored);
-    });
-    co_await socket_.async_connect(endpoint_, asio::redirect_error(asio::use_awaitable, error));
-    *armed = false;
-    timer_.cancel();
+    {
+        const time_limit limit(timer_, rules_.timeout, [this] {
+            boost::system::error_code ignored;
+            socket_.close(ignored);
+        });
+        co_await socket_.async_connect(endpoint_, asio::redirect_error(asio::use_awaitable, error));
+    }
     if (error || cancelled_ || !socket_.is_open()) co_return failed();
     co_return connected(std::move(socket_), rules_);
 }

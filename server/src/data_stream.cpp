@@ -1,16 +1,19 @@
 // A data connection over plain TCP. All calls on the session's strand; the socket closes with the object.
 #include "data_stream.h"
 
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <array>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/socket_base.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <climits>
-#include <fstream>
+#include <cstdlib>
 
 namespace zorvan::gridftp {
 namespace {
@@ -27,10 +30,16 @@ struct buffer_span {
     const_iterator end() const { return last; }
 };
 
-std::size_t kernel_limit(const char* file) {
-    std::size_t limit = 0;
-    std::ifstream(file) >> limit;
-    return limit;
+// Without a stream, which takes memory.
+std::size_t kernel_limit(const char* file) noexcept {
+    const int number = ::open(file, O_RDONLY | O_CLOEXEC);
+    if (number < 0) {
+        return 0;
+    }
+    std::array<char, 32> text{};
+    const ssize_t size = ::read(number, text.data(), text.size() - 1);
+    ::close(number);
+    return size > 0 ? static_cast<std::size_t>(std::strtoull(text.data(), nullptr, 10)) : 0;
 }
 
 // Only ever larger: a window below a segment's size crawls. A fixed size switches the kernel's own growing

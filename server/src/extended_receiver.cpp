@@ -365,12 +365,16 @@ void extended_receiver::arm_relief() {
     relief_armed_ = true;
     window_moved_ = false;
     relief_timer_.expires_after(config_.held_up_wait);
-    relief_timer_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
-        relief_armed_ = false;
-        if (!error && !over()) {
-            relief_ = !window_moved_;
-            pump();
-        }
+    run_until_memory([this] {
+        relief_timer_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
+            relief_armed_ = false;
+            if (!error && !over()) {
+                relief_ = !window_moved_;
+                if (!run_without_throwing([this] { pump(); })) {
+                    fail_intake(operation_error::out_of_memory());
+                }
+            }
+        });
     });
 }
 
@@ -396,11 +400,14 @@ void extended_receiver::arm_flush() {
     }
     flush_armed_ = true;
     flush_timer_.expires_after(config_.partial_block_wait);
-    flush_timer_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
-        flush_armed_ = false;
-        if (!error && !over()) {
-            flush();
-        }
+    // A back end may wait for just the bytes that are here.
+    run_until_memory([this] {
+        flush_timer_.async_wait([this, alive = kept()](const boost::system::error_code& error) {
+            flush_armed_ = false;
+            if (!error && !over()) {
+                flush();
+            }
+        });
     });
 }
 

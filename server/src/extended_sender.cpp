@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "out_of_memory.h"
 #include "transfer_errors.h"
 
 namespace zorvan::gridftp {
@@ -233,8 +234,14 @@ task<void> extended_sender::end_data() {
         }
     }
     if (!reset_) {
+        auto& to_keep = connector_.kept;
+        const bool keeps = run_without_throwing([&] { to_keep.reserve(to_keep.size() + lanes_.size()); });
         for (auto& each : lanes_) {
-            connector_.kept.push_back(std::move(each->stream));
+            if (keeps) {
+                to_keep.push_back(std::move(each->stream));
+            } else {
+                each->stream->close();
+            }
         }
         lanes_.clear();
     }

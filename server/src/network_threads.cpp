@@ -2,8 +2,28 @@
 #include "network_threads.h"
 
 #include <algorithm>
+#include <exception>
+
+#include "server_log.h"
 
 namespace zorvan::gridftp {
+namespace {
+
+/// Whoever can fail on a network thread sees to that itself, where it is known what hangs on it. What comes
+/// here all the same has ended one handler, and the other sessions need not end with it.
+void serve(asio::io_context& loop) {
+    for (;;) {
+        try {
+            loop.run();
+            return;
+        } catch (const std::exception& error) {
+            log_line(ZORVAN_GFS_LOG_ERROR, "something on a network thread ended with an exception");
+            log_line(ZORVAN_GFS_LOG_ERROR, error.what());
+        }
+    }
+}
+
+}  // namespace
 
 network_threads::network_threads(unsigned count) {
     for (unsigned index = 0; index < std::max(1U, count); ++index) {
@@ -18,7 +38,7 @@ network_threads::~network_threads() {
 
 void network_threads::start() {
     for (const auto& loop : loops_) {
-        threads_.emplace_back([&context = *loop] { context.run(); });
+        threads_.emplace_back([&context = *loop] { serve(context); });
     }
 }
 

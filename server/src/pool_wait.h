@@ -8,7 +8,7 @@
 
 namespace zorvan::gridftp {
 
-/// Run a blocking function on the pool and wait for it. It must not throw.
+/// Run a blocking function on the pool and wait for it. What it throws is thrown here.
 task<void> on_pool(host& shared, const asio::any_io_executor& strand, std::function<void()> function);
 
 }  // namespace zorvan::gridftp

@@ -66,6 +66,7 @@ inline constexpr std::string_view system_type = "UNIX Type: L8";
 inline constexpr std::string_view login_timeout = "Log-in took too long; closing.";
 inline constexpr std::string_view idle_timeout = "Idle for too long; closing.";
 inline constexpr std::string_view shutting_down = "The server is shutting down.";
+inline constexpr std::string_view out_of_resources = "The server is out of resources; closing.";
 
 inline constexpr std::string_view need_data_connection = "Use PASV, EPSV, PORT or EPRT first.";
 inline constexpr std::string_view extended_upload_passive =

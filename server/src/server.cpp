@@ -17,6 +17,7 @@
 #include <cstring>
 #include <exception>
 
+#include "out_of_memory.h"
 #include "server_log.h"
 
 namespace zorvan::gridftp {
@@ -77,6 +78,9 @@ bool server::start(std::string& error) {
         if (!code && endpoint.address().is_v6()) acceptor.set_option(asio::ip::v6_only(true), code);
         if (!code) acceptor.bind(endpoint, code);
         if (!code) acceptor.listen(asio::socket_base::max_listen_connections, code);
+        if (!code) acceptor.non_blocking(true, code);
+        // Or else accept() would wait for the next one.
+        if (!code) acceptor.set_option(asio::socket_base::enable_connection_aborted(true), code);
         if (code) {
             error = fmt::format("cannot listen on {}: {}", shown(endpoint), code.message());
             return false;
@@ -121,24 +125,38 @@ bool server::write_port_file(std::string& error) const {
 }
 
 void server::accept(std::size_t index) {
-    acceptors_[index].async_accept(
-        asio::any_io_executor(network_.next()),
-        [this, index](const boost::system::error_code& error, asio::basic_stream_socket<tcp> accepted) {
-            if (!acceptors_[index].is_open()) return;
-            if (!error) {
-                begin_session(std::move(accepted));
+    // Not async_accept: it makes the socket where a want of memory would end this loop with the connection.
+    acceptors_[index].async_wait(
+        tcp::acceptor::wait_read, [this, index](const boost::system::error_code& waited) {
+            if (waited == asio::error::operation_aborted || !acceptors_[index].is_open()) return;
+            if (accept_one(index)) {
                 accept(index);
                 return;
             }
-            if (error == asio::error::operation_aborted) return;
-            log_line(ZORVAN_GFS_LOG_WARNING, "accepting a connection failed: " + error.message());
             // Out of descriptors, most likely: trying again at once would only burn the processor.
-            auto pause =
-                std::make_shared<asio::steady_timer>(network_.first(), std::chrono::milliseconds{100});
-            pause->async_wait([this, index, pause](const boost::system::error_code&) {
-                if (acceptors_[index].is_open()) accept(index);
+            run_until_memory([this, index] {
+                auto pause =
+                    std::make_shared<asio::steady_timer>(network_.first(), std::chrono::milliseconds{100});
+                pause->async_wait([this, index, pause](const boost::system::error_code&) {
+                    if (acceptors_[index].is_open()) accept(index);
+                });
             });
         });
+}
+
+bool server::accept_one(std::size_t index) {
+    try {
+        boost::system::error_code error;
+        tcp::socket accepted = acceptors_[index].accept(asio::any_io_executor(network_.next()), error);
+        if (!error) begin_session(std::move(accepted));
+        if (!error || error == asio::error::try_again || error == asio::error::connection_aborted)
+            return true;
+        log_line(ZORVAN_GFS_LOG_WARNING, "accepting a connection failed: " + error.message());
+    } catch (const std::exception& error) {
+        log_line(ZORVAN_GFS_LOG_ERROR, "a new connection was dropped");
+        log_line(ZORVAN_GFS_LOG_ERROR, error.what());
+    }
+    return false;
 }
 
 void server::begin_session(tcp::socket socket) {
@@ -169,10 +187,12 @@ void server::wait_for_signal() {
             wait_for_signal();
             return;
         }
-        log_line(ZORVAN_GFS_LOG_INFO, fmt::format("signal {}: shutting down", number));
+        (void)run_without_throwing(
+            [&] { log_line(ZORVAN_GFS_LOG_INFO, fmt::format("signal {}: shutting down", number)); });
         stop();
         // A second signal takes effect at once.
-        signals_->clear();
+        boost::system::error_code ignored;
+        signals_->clear(ignored);
     });
 }
 

@@ -55,6 +55,8 @@ class server {
 
   private:
     void accept(std::size_t index);
+    /** @return false: wait before the next one */
+    bool accept_one(std::size_t index);
     void begin_session(asio::ip::tcp::socket socket);
     void wait_for_signal();
     bool write_port_file(std::string& error) const;

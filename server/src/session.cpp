@@ -19,9 +19,11 @@
 
 #include "command_table.h"
 #include "data_address.h"
+#include "out_of_memory.h"
 #include "replies.h"
 #include "server_log.h"
 #include "text.h"
+#include "timer_entry.h"
 
 namespace zorvan::gridftp {
 
@@ -87,8 +89,11 @@ session::~session() = default;
 void session::log(int level, std::string_view text) const {
     if (!log_enabled(level)) return;
     const std::string& user = parameters_.user;
-    log_line(level, fmt::format("[{}{}{}] {}", client_address_.to_string(), user.empty() ? "" : " ",
-                                printable(user), text));
+    const bool whole = run_without_throwing([&] {
+        log_line(level, fmt::format("[{}{}{}] {}", client_address_.to_string(), user.empty() ? "" : " ",
+                                    printable(user), text));
+    });
+    if (!whole) log_line(level, text);
 }
 
 // ------------------------------------------------------------------ the three coroutines
@@ -118,12 +123,24 @@ task<void> session::run() {
     log(ZORVAN_GFS_LOG_INFO, "connected");
     start_helper(read_lines());
     start_helper(watch());
+    bool broken = false;
     try {
         co_await serve();
         // What another coroutine is sending goes out before the end of the connection.
         co_await wait_for_output(0);
     } catch (const std::exception& error) {
-        log(ZORVAN_GFS_LOG_ERROR, fmt::format("the session ends: {}", error.what()));
+        log(ZORVAN_GFS_LOG_ERROR, "the session ends with an exception");
+        log(ZORVAN_GFS_LOG_ERROR, error.what());
+        broken = true;
+    }
+    if (broken) {
+        try {
+            co_await send(reply(421, texts::out_of_resources));
+            co_await wait_for_output(0);
+        } catch (const std::exception&) {
+            // Then it is closed without a word.
+            input_ended(true);
+        }
     }
     done_ = true;
     parameters_.connector.reset();
@@ -296,6 +313,7 @@ task<void> session::watch() {
         }
         watchdog_.expires_at(std::max(next, now + std::chrono::milliseconds{10}));
         boost::system::error_code ignored;
+        enter_timer(watchdog_);
         co_await watchdog_.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
     }
 }

@@ -9,6 +9,7 @@
 
 #include "connect_beside.h"
 #include "data_drain.h"
+#include "out_of_memory.h"
 #include "transfer_errors.h"
 
 namespace zorvan::gridftp {
@@ -142,19 +143,22 @@ stream_receiver::step stream_receiver::next_step() {
 void stream_receiver::arm_flush() {
     flush_armed_ = true;
     flush_timer_.expires_after(config_.partial_block_wait);
-    flush_timer_.async_wait(
-        [this, alive = kept(), number = block_number_](const boost::system::error_code& error) {
-            flush_armed_ = false;
-            if (error || !current_ || current_->filled == 0) {
-                return;
-            }
-            if (number != block_number_) {
-                arm_flush();
-            } else if (reading_) {
-                flush_due_ = true;
-                stream_->cancel_io();
-            }
-        });
+    // A back end may wait for just the bytes that are here.
+    run_until_memory([this] {
+        flush_timer_.async_wait(
+            [this, alive = kept(), number = block_number_](const boost::system::error_code& error) {
+                flush_armed_ = false;
+                if (error || !current_ || current_->filled == 0) {
+                    return;
+                }
+                if (number != block_number_) {
+                    arm_flush();
+                } else if (reading_) {
+                    flush_due_ = true;
+                    stream_->cancel_io();
+                }
+            });
+    });
 }
 
 void stream_receiver::data_ended_locked() {

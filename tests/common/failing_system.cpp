@@ -20,7 +20,22 @@ std::atomic<int> thread_error = 0;
 std::atomic<int> threads_refused = 0;
 std::atomic<long> blocks = 0;
 
+thread_local bool marked = false;
+std::atomic<long> marked_first = kNever;  // number of the first allocation of marked threads that fails
+std::atomic<long> marked_end = kNever;
+std::atomic<long> marked_count = 0;
+std::atomic<bool> marked_refused = false;
+
+bool marked_allocation_fails() {
+    if (!marked || marked_first == kNever) return false;
+    const long number = marked_count++;
+    if (number < marked_first || number >= marked_end) return false;
+    marked_refused = true;
+    return true;
+}
+
 bool allocation_fails() {
+    if (marked_allocation_fails()) return true;
     if (allocations_left == kNever) return false;
     if (allocations_left > 0) {
         --allocations_left;
@@ -107,6 +122,25 @@ FailingAllocations::~FailingAllocations() {
 
 bool FailingAllocations::failed() const {
     return refused;
+}
+
+void mark_this_thread() {
+    marked = true;
+}
+
+FailingMarkedThreads::FailingMarkedThreads(long after, long how_many) {
+    marked_count = 0;
+    marked_refused = false;
+    marked_end = after + how_many;
+    marked_first = after;
+}
+
+FailingMarkedThreads::~FailingMarkedThreads() {
+    marked_first = kNever;
+}
+
+bool FailingMarkedThreads::failed() const {
+    return marked_refused;
 }
 
 FailingThreads::FailingThreads(int error) {

@@ -2,7 +2,8 @@
  * A system that fails on demand: the n-th allocation of the library, or every start of a thread.
  *
  * The test links the library's objects and routes their malloc, operator new and pthread_create through here
- * (linker option --wrap). Only calls of the thread that asked for failures fail; all allocations are counted.
+ * (linker option --wrap). Only calls of the thread that asked for failures fail, or of those that are marked;
+ * all allocations are counted.
  */
 #ifndef ZORVAN_TESTS_COMMON_FAILING_SYSTEM_H
 #define ZORVAN_TESTS_COMMON_FAILING_SYSTEM_H
@@ -17,6 +18,22 @@ class FailingAllocations {
     FailingAllocations(const FailingAllocations&) = delete;
     FailingAllocations& operator=(const FailingAllocations&) = delete;
     ~FailingAllocations();
+
+    /** Whether any allocation was refused so far. */
+    bool failed() const;
+};
+
+/** The calling thread is one of those whose allocations FailingMarkedThreads is about. */
+void mark_this_thread();
+
+/** While it lives, the allocation number `after` (0 = the next) that any marked thread makes fails, and the
+ * next ones, `how_many` in all. Only one at a time. */
+class FailingMarkedThreads {
+  public:
+    explicit FailingMarkedThreads(long after, long how_many = 1);
+    FailingMarkedThreads(const FailingMarkedThreads&) = delete;
+    FailingMarkedThreads& operator=(const FailingMarkedThreads&) = delete;
+    ~FailingMarkedThreads();
 
     /** Whether any allocation was refused so far. */
     bool failed() const;

@@ -277,7 +277,8 @@ TEST_F(out_of_memory, a_read_is_refused_or_called_back) {
         recorder reads;
         std::atomic<bool> failed{false};
         the_script().recv = [&](op_handle op, auto) {
-            failed = with_failure(after, [op] { zorvan_gridftp_server_begin_transfer(op, 0, nullptr); });
+            // What that begins waits for memory.
+            (void)with_failure(after, [op] { zorvan_gridftp_server_begin_transfer(op, 0, nullptr); });
             // Past the calls that had no memory the transfer goes on as if nothing had been.
             std::size_t count = 0;
             for (bool ended = false; !ended;) {
