@@ -9,7 +9,7 @@
 
 #include "block_codec.h"
 #include "core_fixture.h"
-#include "data_listener.h"
+#include "loopback_connector.h"
 
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
@@ -17,27 +17,9 @@ using namespace zorvan::gridftp::testing_support;
 namespace {
 
 /// Lets the streams of a listener through and notes what is asked of them.
-class watched_connector final : public data_connector {
+class watched_connector final : public loopback_connector {
   public:
-    explicit watched_connector(const asio::any_io_executor& strand) {
-        data_connection_rules rules;
-        rules.client = rules.local = asio::ip::address_v4::loopback();
-        boost::system::error_code error;
-        listener_ = passive_listener::open(strand, rules, error);
-        EXPECT_FALSE(error) << error.message();
-    }
-    std::uint16_t port() const { return listener_->port(); }
-    task<connect_result> connect() override { return listener_->connect(); }
-    task<connect_result> connect_more(bool limited) override {
-        auto result = co_await listener_->connect_more(limited);
-        if (result.stream) {
-            result.stream = std::make_unique<watched_stream>(std::move(result.stream), *this);
-            ++accepted;
-        }
-        co_return result;
-    }
-    void stop_connecting() noexcept override { listener_->stop_connecting(); }
-    void cancel() noexcept override { listener_->cancel(); }
+    using loopback_connector::loopback_connector;
 
     std::atomic<std::size_t> accepted{0};
     std::atomic<std::size_t> receive_sizes_set{0};
@@ -45,34 +27,32 @@ class watched_connector final : public data_connector {
     std::atomic<std::size_t> smallest_receive_size{~std::size_t{0}};
 
   private:
-    class watched_stream final : public data_stream {
+    class watched_stream final : public passing_stream {
       public:
         watched_stream(std::unique_ptr<data_stream> inner, watched_connector& owner)
-            : inner_(std::move(inner)), owner_(owner) {}
-        task<io_result> read_some(asio::mutable_buffer buffer) override { return inner_->read_some(buffer); }
+            : passing_stream(std::move(inner)), owner_(owner) {}
         task<io_result> write_some(std::span<const asio::const_buffer> buffers) override {
             if (owner_.writes_without_memory > 0) {
                 --owner_.writes_without_memory;
                 throw std::bad_alloc();
             }
-            return inner_->write_some(buffers);
+            return inner().write_some(buffers);
         }
-        task<boost::system::error_code> shutdown() override { return inner_->shutdown(); }
-        void cancel_io() noexcept override { inner_->cancel_io(); }
-        void reset() noexcept override { inner_->reset(); }
-        void close() noexcept override { inner_->close(); }
-        bool quiet() noexcept override { return inner_->quiet(); }
         void set_buffer_sizes(std::size_t receive, std::size_t send) noexcept override {
             ++owner_.receive_sizes_set;
             owner_.smallest_receive_size = std::min(owner_.smallest_receive_size.load(), receive);
-            inner_->set_buffer_sizes(receive, send);
+            inner().set_buffer_sizes(receive, send);
         }
 
       private:
-        std::unique_ptr<data_stream> inner_;
         watched_connector& owner_;
     };
-    std::unique_ptr<passive_listener> listener_;
+
+    std::unique_ptr<data_stream> wrap(std::unique_ptr<data_stream> stream) override {
+        auto wrapped = std::make_unique<watched_stream>(std::move(stream), *this);
+        ++accepted;
+        return wrapped;
+    }
 };
 
 /// Takes reports, or refuses them.

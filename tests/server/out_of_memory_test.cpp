@@ -8,8 +8,8 @@
 
 #include "block_codec.h"
 #include "core_fixture.h"
-#include "data_listener.h"
 #include "failing_system.h"
+#include "loopback_connector.h"
 
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
@@ -49,35 +49,16 @@ class out_of_memory : public core_test {
 };
 
 /// A client's connections in extended mode, and the connector that has them.
-class block_client final : public data_connector {
+class block_client final : public loopback_connector {
   public:
-    explicit block_client(const asio::any_io_executor& strand) {
-        data_connection_rules rules;
-        rules.client = rules.local = asio::ip::address_v4::loopback();
-        boost::system::error_code error;
-        listener_ = passive_listener::open(strand, rules, error);
-        EXPECT_FALSE(error) << error.message();
-    }
-    /// On the strand.
-    void close() { listener_.reset(); }
-
-    task<connect_result> connect() override { return listener_->connect(); }
-    task<connect_result> connect_more(bool limited) override {
-        auto result = co_await listener_->connect_more(limited);
-        if (result.stream) {
-            result.stream = std::make_unique<failing_stream>(std::move(result.stream), fault_);
-        }
-        co_return result;
-    }
-    void stop_connecting() noexcept override { listener_->stop_connecting(); }
-    void cancel() noexcept override { listener_->cancel(); }
+    using loopback_connector::loopback_connector;
 
     /// A connection of the client's.
     client_socket& open() {
         const int number = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
-        address.sin_port = htons(listener_->port());
+        address.sin_port = htons(port());
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         return *sockets_.emplace_back(std::make_unique<client_socket>(number));
@@ -103,35 +84,26 @@ class block_client final : public data_connector {
         std::optional<FailingAllocations> failing;
     };
     // Shared: a stream that is read to its end in the background may outlive the client.
-    class failing_stream final : public data_stream {
+    class failing_stream final : public passing_stream {
       public:
         failing_stream(std::unique_ptr<data_stream> inner, std::shared_ptr<fault> due)
-            : inner_(std::move(inner)), fault_(std::move(due)) {}
+            : passing_stream(std::move(inner)), fault_(std::move(due)) {}
         task<io_result> read_some(asio::mutable_buffer buffer) override {
-            const auto result = co_await inner_->read_some(buffer);
+            const auto result = co_await inner().read_some(buffer);
             if (buffer.size() > block_header_size && fault_->after) {
                 fault_->failing.emplace(*std::exchange(fault_->after, std::nullopt), 1);
             }
             co_return result;
         }
-        task<io_result> write_some(std::span<const asio::const_buffer> buffers) override {
-            return inner_->write_some(buffers);
-        }
-        task<boost::system::error_code> shutdown() override { return inner_->shutdown(); }
-        void cancel_io() noexcept override { inner_->cancel_io(); }
-        void reset() noexcept override { inner_->reset(); }
-        void close() noexcept override { inner_->close(); }
-        bool quiet() noexcept override { return inner_->quiet(); }
-        void set_buffer_sizes(std::size_t receive, std::size_t send) noexcept override {
-            inner_->set_buffer_sizes(receive, send);
-        }
 
       private:
-        std::unique_ptr<data_stream> inner_;
         const std::shared_ptr<fault> fault_;
     };
 
-    std::unique_ptr<passive_listener> listener_;
+    std::unique_ptr<data_stream> wrap(std::unique_ptr<data_stream> stream) override {
+        return std::make_unique<failing_stream>(std::move(stream), fault_);
+    }
+
     std::vector<std::unique_ptr<client_socket>> sockets_;
     const std::shared_ptr<fault> fault_ = std::make_shared<fault>();
 };
