@@ -8,27 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "block_codec.h"
+#include "block_text.h"
 #include "live_server.h"
 
 namespace ftp_test {
-
-inline std::string header(unsigned char flags, std::uint64_t count, std::uint64_t offset) {
-    const auto bytes = zorvan::gridftp::encode({flags, count, offset});
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-inline std::string block(std::string_view data, std::uint64_t offset, unsigned char flags = 0) {
-    return header(flags, data.size(), offset) + std::string(data);
-}
-
-inline std::string end_of_data(unsigned char more = 0) {
-    return header(static_cast<unsigned char>(zorvan::gridftp::block_end_of_data | more), 0, 0);
-}
-
-inline std::string end_of_file(std::uint64_t connections) {
-    return header(zorvan::gridftp::block_end_of_file | zorvan::gridftp::block_end_of_data, 0, connections);
-}
 
 /// A session in extended mode that uploads.
 class Uploader {

@@ -7,12 +7,16 @@
 #include <new>
 #include <random>
 
-#include "block_codec.h"
+#include "block_text.h"
 #include "core_fixture.h"
 #include "loopback_connector.h"
 
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
+using ftp_test::block;
+using ftp_test::end_of_data;
+using ftp_test::end_of_file;
+using ftp_test::header;
 
 namespace {
 
@@ -208,23 +212,6 @@ class in_order_backend {
     std::uint64_t most_spooled_ = 0;
 };
 
-std::string header(unsigned char flags, std::uint64_t count, std::uint64_t offset) {
-    const auto bytes = encode({flags, count, offset});
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-std::string block_of(std::string_view data, std::uint64_t offset) {
-    return header(0, data.size(), offset) + std::string(data);
-}
-
-std::string end_of_data() {
-    return header(block_end_of_data, 0, 0);
-}
-
-std::string end_of_file(std::uint64_t connections) {
-    return header(block_end_of_file | block_end_of_data, 0, connections);
-}
-
 class extended : public core_test {
   protected:
     void SetUp() override {
@@ -270,7 +257,7 @@ class extended : public core_test {
         order(places);
         std::vector<std::string> dealt(connections);
         for (std::size_t i = 0; i < places.size(); ++i) {
-            dealt[i % connections] += block_of(std::string_view(data).substr(places[i], size), places[i]);
+            dealt[i % connections] += block(std::string_view(data).substr(places[i], size), places[i]);
         }
         for (std::size_t i = 0; i < connections; ++i) {
             dealt[i] += i == 0 ? end_of_file(connections) : end_of_data();
@@ -549,7 +536,7 @@ TEST_F(extended_progress, is_reported_again_until_it_is_taken) {
     const auto data = pattern(1000);
     progress.takes = false;
     auto outcome = upload(blocks(data.size()));
-    clients[0]->write(block_of(data.substr(0, 250), 0));
+    clients[0]->write(block(data.substr(0, 250), 0));
     wait_stored(250);
     progress.wait_asked(5);
     EXPECT_EQ(progress.told(), texts{});
@@ -557,9 +544,9 @@ TEST_F(extended_progress, is_reported_again_until_it_is_taken) {
     EXPECT_TRUE(progress.wait_for([](auto& told, auto bytes) { return !told.empty() && bytes == 250; }));
     progress.wait_asked(3);
     EXPECT_EQ(progress.told(), texts{"0-200"}) << "once";
-    clients[0]->write(block_of(data.substr(250, 500), 250));
+    clients[0]->write(block(data.substr(250, 500), 250));
     EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty() && told.back() == "0-700"; }));
-    clients[0]->write(block_of(data.substr(750), 750) + end_of_file(1));
+    clients[0]->write(block(data.substr(750), 750) + end_of_file(1));
     expect_stored(std::move(outcome), data);
 }
 
@@ -572,11 +559,11 @@ TEST_F(extended_progress, of_a_restart_begins_with_what_is_kept) {
     request.write_offset = 300;
     auto outcome = upload(request);
     const auto data = pattern(1000);
-    clients[0]->write(block_of(data.substr(0, 200), 300));
+    clients[0]->write(block(data.substr(0, 200), 300));
     EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty(); }));
     EXPECT_EQ(progress.told().front().substr(0, 2), "0-");
     EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty() && told.back() == "0-500"; }));
-    clients[0]->write(block_of(data.substr(200), 500) + end_of_file(1));
+    clients[0]->write(block(data.substr(200), 500) + end_of_file(1));
     expect_stored(std::move(outcome), data);
 }
 
@@ -586,7 +573,7 @@ TEST_F(extended_progress, leaves_a_failed_upload_with_what_was_not_told) {
     report_hundreds();
     progress.takes = false;
     auto outcome = upload(blocks(1000));
-    clients[0]->write(block_of(pattern(250), 0));
+    clients[0]->write(block(pattern(250), 0));
     wait_stored(250);
     clients[0]->reset();
     const auto result = result_of(std::move(outcome));
@@ -612,7 +599,7 @@ TEST_F(extended_progress, leaves_nothing_to_tell_when_all_was_told_or_the_client
         progress_events own;
         own.takes = !aborted;
         auto outcome = start(session->receive(blocks(1000), *listener, own));
-        clients[0]->write(block_of(pattern(250), 0));
+        clients[0]->write(block(pattern(250), 0));
         if (aborted) {
             own.wait_asked(2);
             abort();
@@ -634,7 +621,7 @@ TEST_F(extended_progress, has_no_ranges_from_a_back_end_that_does_not_say_durabl
     connect(1);
     report_hundreds();
     auto outcome = upload(blocks(1000));
-    clients[0]->write(block_of(pattern(250), 0));
+    clients[0]->write(block(pattern(250), 0));
     EXPECT_TRUE(progress.wait_for([](auto&, auto bytes) { return bytes == 250; }));
     progress.wait_asked(2);
     EXPECT_EQ(progress.told(), texts{});
@@ -658,7 +645,7 @@ TEST_F(extended_progress, takes_no_range_that_cannot_be) {
         return std::nullopt;
     };
     auto outcome = upload(blocks(1000));
-    clients[0]->write(block_of(pattern(250), 0));
+    clients[0]->write(block(pattern(250), 0));
     // A report may come between the two that are good.
     EXPECT_TRUE(progress.wait_for([](auto& told, auto) { return !told.empty() && told.back() == "20-150"; }));
     EXPECT_LE(progress.told().size(), 2u) << progress.told().front();

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "block_codec.h"
+#include "block_text.h"
 #include "failing_system.h"
 #include "live_server.h"
 
@@ -56,11 +56,6 @@ int final_reply(Client& client) {
     while (code < 200)
         code = expect_reply(client.reply());
     return code;
-}
-
-std::string block(std::string_view data, std::uint64_t offset, unsigned char flags = 0) {
-    const auto head = bits::encode({flags, data.size(), offset});
-    return std::string(reinterpret_cast<const char*>(head.data()), head.size()) + std::string(data);
 }
 
 /// The file that lies in the blocks of one connection.
@@ -194,9 +189,8 @@ class LiveOutOfMemory : public ::testing::TestWithParam<long> {
         client.send("STOR /bucket/new\r\n");
         // One block comes before its time.
         const std::string_view data = file;
-        one.write(block(data.substr(100000), 100000) +
-                  block({}, 2, bits::block_end_of_file | bits::block_end_of_data));
-        other.write(block(data.substr(0, 100000), 0) + block({}, 0, bits::block_end_of_data));
+        one.write(block(data.substr(100000), 100000) + end_of_file(2));
+        other.write(block(data.substr(0, 100000), 0) + end_of_data());
         return stored_as_told(final_reply(client));
     }
 

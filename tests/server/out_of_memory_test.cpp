@@ -6,13 +6,15 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "block_codec.h"
+#include "block_text.h"
 #include "core_fixture.h"
 #include "failing_system.h"
 #include "loopback_connector.h"
 
 using namespace zorvan::gridftp;
 using namespace zorvan::gridftp::testing_support;
+using ftp_test::block;
+using ftp_test::end_of_file;
 using zorvan::test::FailingAllocations;
 
 namespace {
@@ -62,10 +64,6 @@ class block_client final : public loopback_connector {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
         return *sockets_.emplace_back(std::make_unique<client_socket>(number));
-    }
-    static std::string block(unsigned char bits, std::string_view data, std::uint64_t offset) {
-        const auto head = encode({bits, data.size(), offset});
-        return std::string(reinterpret_cast<const char*>(head.data()), head.size()) + std::string(data);
     }
     static receive_request upload(std::optional<std::uint64_t> size) {
         receive_request request;
@@ -472,10 +470,9 @@ TEST_F(out_of_memory, in_the_noting_of_a_block_in_extended_mode) {
         };
         // The first block comes before its turn.
         auto& connection = client.open();
-        connection.write(block_client::block(0, std::string_view(data).substr(1000, 1000), 1000) +
-                         block_client::block(0, std::string_view(data).substr(0, 1000), 0) +
-                         block_client::block(0, std::string_view(data).substr(2000), 2000) +
-                         block_client::block(block_end_of_file | block_end_of_data, {}, 1));
+        connection.write(block(std::string_view(data).substr(1000, 1000), 1000) +
+                         block(std::string_view(data).substr(0, 1000), 0) +
+                         block(std::string_view(data).substr(2000), 2000) + end_of_file(1));
         const auto result = result_of(start(session->receive(block_client::upload(3000), client, events)));
         EXPECT_TRUE(is_out_of_memory(result.error));
         connection.close();
